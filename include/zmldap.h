@@ -1,0 +1,103 @@
+#ifndef ZMLDAP_H
+#define ZMLDAP_H
+
+#include "zmauth_export.h"
+#include "zelmora.h"
+
+#include <QHash>
+#include <QList>
+#include <QString>
+
+namespace zmldap {
+// Search scope of the object iterator; any other value searches the subtree.
+enum Scope {
+    Base = 0,
+    OneLevel = 1,
+    Subtree = 2
+};
+} // namespace zmldap
+
+// The four answers a SASL bind asks for, as C strings owned by the record.
+// The interaction callback hands out pointers into them, so they live as long
+// as the directory object. Unset or empty settings leave a member null.
+class ZMAUTH_EXPORT LDAPDefaults {
+public:
+    explicit LDAPDefaults(const zelmora::ObjectInfo &settings);
+    ~LDAPDefaults()
+    {
+        delete[] authzid;
+        delete[] realm;
+        delete[] authcid;
+        delete[] passwd;
+    }
+
+    LDAPDefaults(const LDAPDefaults &) = delete;
+    LDAPDefaults &operator=(const LDAPDefaults &) = delete;
+
+    char *authzid; // "PT_USER"
+    char *realm;   // "PT_HOST"
+    char *authcid; // "PT_USER"
+    char *passwd;  // "PT_USER_PASSWORD"
+};
+
+class ZMLDAPPrivate;
+class ZMLDAPObjectIteratorPrivate;
+
+// One directory server, configured by a directory settings record. The host,
+// port and SASL answers are fixed when the object is built; connect() once,
+// then check accounts or list users. Destroying the object unbinds.
+class ZMAUTH_EXPORT ZMLDAP {
+public:
+    explicit ZMLDAP(const zelmora::ObjectInfo &settings);
+    virtual ~ZMLDAP();
+
+    ZMLDAP(const ZMLDAP &) = delete;
+    ZMLDAP &operator=(const ZMLDAP &) = delete;
+
+    // Replaces the settings read at use time (method, base DN, filter,
+    // login attribute, mappings); host, port and credentials stay as built.
+    void setSettings(const zelmora::ObjectInfo &settings);
+    // Type name stamped on every record produced afterwards ("OT_USER" by default).
+    void setResultObjectType(const QString &type);
+    // The current settings record; valid until the next setSettings().
+    const zelmora::ObjectInfo &info();
+
+    // LDAP result code: 0 on success, -1 for an unknown auth method.
+    int connect();
+    bool checkADUser(const QString &user);
+    bool getUserList(QList<zelmora::ObjectInfo> &list);
+    bool getUserList(QList<zelmora::ObjectInfo> &list, QHash<QString, QString> mapping);
+
+    // Field catalogues: user fields, employee fields (code -> label) and the
+    // default directory attribute of each user field.
+    static const QHash<QString, QString> &userDbValues();
+    static const QHash<QString, QString> &employeeDbValues();
+    static const QHash<QString, QString> &adDefaultValues();
+
+private:
+    friend class ZMLDAPObjectIteratorPrivate;
+    ZMLDAPPrivate *d;
+};
+
+// One synchronous search over a connected directory; hands the entries out as
+// object records, each attribute mapped onto fields by the mapping. The
+// ZMLDAP must outlive the iterator.
+class ZMAUTH_EXPORT ZMLDAPObjectIterator {
+public:
+    ZMLDAPObjectIterator(ZMLDAP *ldap, const QHash<QString, QString> &mapping);
+    ZMLDAPObjectIterator(ZMLDAP *ldap, zmldap::Scope scope, const QHash<QString, QString> &mapping);
+    virtual ~ZMLDAPObjectIterator();
+
+    // It owns its search result: copies would release it twice.
+    ZMLDAPObjectIterator(const ZMLDAPObjectIterator &) = delete;
+    ZMLDAPObjectIterator &operator=(const ZMLDAPObjectIterator &) = delete;
+
+    int size() const;
+    zelmora::ObjectInfo first();
+    zelmora::ObjectInfo next();
+
+private:
+    ZMLDAPObjectIteratorPrivate *d;
+};
+
+#endif // ZMLDAP_H

@@ -1,0 +1,1 @@
+// kerberos private classes: to be written

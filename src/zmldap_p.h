@@ -1,0 +1,1 @@
+// directory private classes: to be written
