@@ -1,0 +1,108 @@
+#!/usr/bin/env bash
+# The two set-up commands of the README, for a fresh Debian 12 machine as root:
+#   bash tools/run.sh demo              build, start the throwaway realm, walk through the library's jobs
+#   bash tools/run.sh test              build and run the whole test suite with ctest
+# and, for CI and developers:
+#   bash tools/run.sh test --sanitize   the same suite built with AddressSanitizer and UBSan
+#   bash tools/run.sh bench [ldap|kerberos]   the benchmarks (bench/README.md)
+#   bash tools/run.sh consumer          install into a temporary prefix and build a consumer against it
+set -euo pipefail
+
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+jobs=$(nproc 2>/dev/null || echo 2)
+
+packages=(
+    g++ make cmake pkg-config
+    qtbase5-dev libldap-dev libsasl2-dev libkrb5-dev
+    slapd ldap-utils krb5-kdc krb5-admin-server krb5-user
+    sasl2-bin libsasl2-modules libsasl2-modules-gssapi-mit
+    python3
+)
+
+# Installs what is missing, without letting the packages start their system
+# services: the realm runs its own servers as plain processes.
+ensure_packages() {
+    local missing=() p
+    for p in "${packages[@]}"; do
+        dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+    done
+    [ ${#missing[@]} -eq 0 ] && return 0
+    if [ "$(id -u)" -ne 0 ]; then
+        echo "missing Debian packages: ${missing[*]} (run as root to install them)" >&2
+        exit 1
+    fi
+    echo "Installing: ${missing[*]}"
+    local policy=/usr/sbin/policy-rc.d own_policy=0
+    if [ ! -e "$policy" ]; then
+        printf '#!/bin/sh\nexit 101\n' > "$policy"
+        chmod 755 "$policy"
+        own_policy=1
+    fi
+    export DEBIAN_FRONTEND=noninteractive
+    apt-get update -q
+    apt-get install -y -q --no-install-recommends "${missing[@]}"
+    [ "$own_policy" = 1 ] && rm -f "$policy"
+    return 0
+}
+
+build() {
+    local dir=$1; shift
+    cmake -S "$root" -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@"
+    cmake --build "$dir" -j "$jobs"
+}
+
+run_tests() {
+    local dir=$1
+    ctest --test-dir "$dir" --output-on-failure -j "$jobs"
+}
+
+cmd=${1:-}
+shift || true
+case "$cmd" in
+    demo)
+        ensure_packages
+        build "$root/build" >/dev/null
+        exec bash "$root/tools/demo.sh" "$root/build"
+        ;;
+    test)
+        ensure_packages
+        if [ "${1:-}" = "--sanitize" ]; then
+            dir="$root/build-asan"
+            logs="$dir/sanitizer-logs"
+            build "$dir" -DZMAUTH_SANITIZE=ON
+            rm -rf "$logs" && mkdir -p "$logs"
+            # Reports also go to files, so that one from a child process whose
+            # exit status nobody reads still fails the run.
+            export ASAN_OPTIONS="detect_leaks=1:abort_on_error=0:exitcode=1:log_path=$logs/asan:log_exe_name=1"
+            export LSAN_OPTIONS="suppressions=$root/tests/lsan.supp:print_suppressions=0"
+            export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1:log_path=$logs/ubsan"
+            status=0
+            run_tests "$dir" || status=$?
+            if compgen -G "$logs/*" >/dev/null; then
+                echo "Sanitizer reports:" >&2
+                cat "$logs"/* >&2
+                status=1
+            fi
+            exit $status
+        fi
+        build "$root/build"
+        run_tests "$root/build"
+        ;;
+    bench)
+        ensure_packages
+        build "$root/build" >/dev/null
+        exec bash "$root/bench/run.sh" "$root/build" "$@"
+        ;;
+    consumer)
+        ensure_packages
+        build "$root/build" >/dev/null
+        prefix=$(mktemp -d)
+        trap 'rm -rf "$prefix"' EXIT
+        cmake --install "$root/build" --prefix "$prefix" >/dev/null
+        bash "$root/tests/consumer/check.sh" "$prefix"
+        ;;
+    *)
+        sed -n '2,8p' "${BASH_SOURCE[0]}" | sed 's/^# \{0,1\}//' >&2
+        exit 2
+        ;;
+esac
