@@ -374,23 +374,30 @@ user_entry() {
 write_bulk_ldif() {
     local n=$1
     awk -v n="$n" -v bulk="$BULK_DN" -v realm="$REALM" '
-    function b64(s,    i, c, out, v, len) {
-        out = ""; len = length(s)
-        for (i = 1; i <= len; i += 3) {
-            v = ord[substr(s, i, 1)] * 65536
-            if (i + 1 <= len) v += ord[substr(s, i + 1, 1)] * 256
-            if (i + 2 <= len) v += ord[substr(s, i + 2, 1)]
+    # Base64 of the n bytes b[1..n].
+    function b64(b, n,    i, v, out) {
+        out = ""
+        for (i = 1; i <= n; i += 3) {
+            v = b[i] * 65536 + (i + 1 <= n ? b[i + 1] * 256 : 0) + (i + 2 <= n ? b[i + 2] : 0)
             out = out substr(B, int(v / 262144) + 1, 1) substr(B, int(v / 4096) % 64 + 1, 1)
-            out = out (i + 1 <= len ? substr(B, int(v / 64) % 64 + 1, 1) : "=")
-            out = out (i + 2 <= len ? substr(B, v % 64 + 1, 1) : "=")
+            out = out (i + 1 <= n ? substr(B, int(v / 64) % 64 + 1, 1) : "=")
+            out = out (i + 2 <= n ? substr(B, v % 64 + 1, 1) : "=")
         }
         return out
+    }
+    # Sixteen binary bytes, unique per user: the number in the first four,
+    # pseudo-random bytes after it.
+    function guid(i,    b, k, x) {
+        x = i
+        for (k = 1; k <= 4; k++) { b[k] = x % 256; x = int(x / 256) }
+        x = i
+        for (k = 5; k <= 16; k++) { x = (x * 69069 + 1) % 4294967296; b[k] = int(x / 16777216) }
+        return b64(b, 16)
     }
     # A name made of two syllables: k < 400 picks one of 400 pairs.
     function name(pre, suf, k) { return pre[k % 20 + 1] suf[int(k / 20) + 1] }
     BEGIN {
         B = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/"
-        for (i = 32; i < 127; i++) ord[sprintf("%c", i)] = i
         split("Mar Tes Dor Bel Kal Ros Fen Lin Hal Wes Car Ben Mor Ash Gil Pet Ald Cor Ver Sta", sp, " ")
         split("low ford ton ley wood man field berg stein dale more wick rich ridge well by croft hurst shaw mont", ss, " ")
         split("An El Ma Da Lu So Vi Ro Ka Ni Ju Fe Ce Pa Te Mi Ol Ha Sa Be", gp, " ")
@@ -424,8 +431,7 @@ write_bulk_ldif() {
             print "department: " depts[int(i / 8) % 8 + 1]
             print "company: Zmauth Test Works"
             printf "employeeID: E%07d\n", i
-            guid = sprintf("%c%c%c%c", 65 + i % 26, 66 + int(i / 26) % 26, 67 + int(i / 676) % 26, 68 + int(i / 17576) % 26)
-            print "objectGUID:: " b64(guid sprintf("%012d", i))
+            print "objectGUID:: " guid(i)
             print ""
         }
     }'
@@ -480,9 +486,9 @@ start_realm() {
     for h in "${hosts[@]}"; do ldap_princs+=("ldap/$h"); done
     {
         # Users need pre-authentication, as on a domain controller.
-        echo "addprinc -requires_preauth -pw $USER_PASSWORD $USER_NAME"
-        echo "addprinc -requires_preauth -pw $USER2_PASSWORD $USER2_NAME"
-        echo "addprinc -requires_preauth -pw $CYR_USER_PASSWORD $CYR_USER_NAME"
+        echo "addprinc +requires_preauth -pw $USER_PASSWORD $USER_NAME"
+        echo "addprinc +requires_preauth -pw $USER2_PASSWORD $USER2_NAME"
+        echo "addprinc +requires_preauth -pw $CYR_USER_PASSWORD $CYR_USER_NAME"
         echo "addprinc -randkey ${SERVICE_PRINCIPAL%@*}"
         for h in "${ldap_princs[@]}"; do echo "addprinc -randkey $h"; done
         # -norandkey: without it ktadd gives each principal new random keys,
