@@ -1,0 +1,79 @@
+#ifndef ZMAUTH_TEST_KRBTEST_H
+#define ZMAUTH_TEST_KRBTEST_H
+
+// Shared by the Kerberos test programs (compiled into each of them, so that
+// the interposed C functions below are part of the executable).
+//
+// Every listed MIT function is interposed: the executable's definition runs
+// instead of the library's for calls from libzmauth and from the test, and
+// forwards to the real one unless a fault is armed. Calls that MIT makes to
+// its own functions are forwarded untouched and never recorded.
+
+#include "logcapture.h"
+
+#include <gssapi/gssapi.h>
+#include <krb5.h>
+
+#include <QString>
+#include <QStringList>
+
+#include <set>
+#include <string>
+#include <vector>
+
+namespace krbtest {
+
+// Faults to produce on the next calls from libzmauth or the test. A code of 0
+// means "forward to the real function".
+struct Faults {
+    krb5_error_code initContext = 0;
+    krb5_error_code newUnique = 0;
+    krb5_error_code buildPrincipal = 0;
+    krb5_error_code ccInitialize = 0;
+    krb5_error_code storeCred = 0;
+    bool ccGetNameNull = false;
+    bool errorMessageNull = false;
+    // gss_import_name fails with this major status for exactly this text.
+    std::string importNameText;
+    OM_uint32 importNameMajor = 0;
+    OM_uint32 addCredMajor = 0;
+};
+Faults &faults();
+
+// What the interposers saw.
+struct Seen {
+    std::vector<std::string> newUniqueHints; // hint argument of krb5_cc_new_unique
+    std::vector<std::string> createdCaches;  // residual of each cache it created
+    std::vector<std::string> releases;       // release calls while recordReleases is on
+    bool recordReleases = false;
+    int gssDeleteSecContext = 0;             // calls of gss_delete_sec_context from libzmauth
+};
+Seen &seen();
+void resetAll();
+
+// Handles the library keeps on purpose for the life of the process or of the
+// exchange: initiator and acceptor security contexts, and the acceptor
+// credential of each Service. The interposers note them; this releases what
+// nobody else released, so that a leak report means a real leak.
+void releaseHeldHandles();
+int heldContexts();
+int heldCredentials();
+
+// Points GSSAPI on this thread back at the default cache (KRB5CCNAME): a
+// password login leaves it on the Client's private cache.
+void resetThreadCache();
+
+// /tmp/tkt* files of this machine.
+std::set<std::string> tktFiles();
+bool fileExists(const std::string &path);
+
+// Texts of the "platform.lib.zmauth.kerberos" records of one type.
+QStringList krbTexts(const LogCapture &log, QtMsgType type = QtWarningMsg);
+// The message krb5 has for a code, with a context of its own.
+QString krb5Text(krb5_error_code code);
+// Shows line feeds and tabs in failure output.
+QString visible(const QString &text);
+
+} // namespace krbtest
+
+#endif // ZMAUTH_TEST_KRBTEST_H
