@@ -461,9 +461,13 @@ start_realm() {
     cp "$HERE/zmauth.schema" "$dir/zmauth.schema"
     : >"$dir/realm.pids"
 
+    # libldap names the machine's own canonical host name when the peer is
+    # 127.0.0.1 (what hostname -f finds); Kerberos lowercases host names.
     HOST_SHORT=$(hostname)
-    HOST_FQDN=$(hostname -f 2>/dev/null || hostname)
+    HOST_FQDN=$(hostname -f 2>/dev/null || true)
     [ -n "$HOST_FQDN" ] || HOST_FQDN=$HOST_SHORT
+    HOST_SHORT=${HOST_SHORT,,}
+    HOST_FQDN=${HOST_FQDN,,}
 
     export KRB5_CONFIG=$dir/krb5.conf
     export KRB5_KDC_PROFILE=$dir/kdc.conf
