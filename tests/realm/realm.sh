@@ -63,7 +63,7 @@ is_ours() {
     [ -r "/proc/$pid/stat" ] || return 1
     state=$(sed -e 's/^.*) //' "/proc/$pid/stat" 2>/dev/null | cut -d' ' -f1) || return 1
     [ "$state" != Z ] && [ -n "$state" ] || return 1
-    cmd=$(tr '\0' ' ' <"/proc/$pid/cmdline" 2>/dev/null) || return 1
+    cmd=$(tr '\0' ' ' 2>/dev/null <"/proc/$pid/cmdline") || return 1
     [[ $cmd == *"$dir/"* ]]
 }
 
@@ -516,11 +516,19 @@ start_realm() {
     # --- servers. Ports are chosen and bound under one lock per machine so
     # that realms started at the same moment do not pick the same port.
     local lock=${TMPDIR:-/tmp}/zmauth-realm-ports.lock attempt kdc_port ldap_port kdc_pid slapd_pid ok
-    exec 9>>"$lock"
+    # Opened for reading: the file may belong to another user (flock does not
+    # care about the open mode).
+    [ -e "$lock" ] || (umask 0 && : >>"$lock") 2>/dev/null || true
+    exec 9<"$lock" || die "cannot open $lock"
     flock -w 60 9 || die "could not lock $lock"
     for attempt in 1 2 3 4 5; do
         kdc_port=$(random_port)
         ldap_port=$(random_port)
+        # Test hook: the first attempt takes these ports even if they are
+        # busy, to imitate another server binding them at the same moment.
+        if [ $attempt = 1 ] && [ -n "${ZMAUTH_REALM_FIRST_PORTS:-}" ]; then
+            read -r kdc_port ldap_port <<<"$ZMAUTH_REALM_FIRST_PORTS"
+        fi
         [ "$kdc_port" != "$ldap_port" ] || continue
         write_krb5_conf "$dir/krb5.conf" "$kdc_port" ""
         # slapd accepts a ticket for any ldap/<host> key of its keytab: the

@@ -65,7 +65,7 @@ processes_of() {
     for p in /proc/[0-9]*; do
         p=${p#/proc/}
         [ "$p" != $$ ] && [ "$p" != "$BASHPID" ] || continue
-        cmd=$(tr '\0' ' ' <"/proc/$p/cmdline" 2>/dev/null) || continue
+        cmd=$(tr '\0' ' ' 2>/dev/null <"/proc/$p/cmdline") || continue
         [[ $cmd == *"$dir/"* ]] || continue
         alive "$p" && echo "$p"
     done

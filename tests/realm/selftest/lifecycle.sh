@@ -65,6 +65,21 @@ export KRB5CCNAME=FILE:$SCRATCH/ccache-b
 expect_rc "kinit in B" 0 env KRB5_CONFIG="$B_KRB5_CONFIG" kinit "$B_USER_NAME" <<<"$B_USER_PASSWORD"
 expect_rc "GSSAPI to B with B's ticket" 0 env KRB5_CONFIG="$B_KRB5_CONFIG" ldapwhoami -Q -Y GSSAPI -H "$B_LDAP_URI"
 
+# A KDC that comes up on a port another KDC holds (both bind with address
+# reuse, so neither fails) is noticed, and the start moves to other ports.
+C=$SCRATCH/c
+cleanup_hook() { for d in "$A" "$B" "$C"; do bash "$REALM_SH" stop "$d" >/dev/null 2>&1; done; }
+expect_rc "start C on A's busy KDC port" 0 env ZMAUTH_REALM_FIRST_PORTS="$A_KDC_PORT $A_LDAP_PORT" bash "$REALM_SH" start "$C"
+grep -q "attempt 1 on ports $A_KDC_PORT/$A_LDAP_PORT failed" "$SCRATCH/err" &&
+    pass "the first attempt on A's ports was refused" || fail "no refused first attempt: $(cat "$SCRATCH/err")"
+C_KDC_PORT=$(. "$C/realm.env"; echo "$KDC_PORT")
+C_LDAP_PORT=$(. "$C/realm.env"; echo "$LDAP_PORT")
+[ "$C_KDC_PORT" != "$A_KDC_PORT" ] && [ "$C_LDAP_PORT" != "$A_LDAP_PORT" ] &&
+    pass "C runs on ports of its own" || fail "C shares A's ports"
+expect_rc "kinit in A still answered by A's KDC" 0 env KRB5_CONFIG="$A_KRB5_CONFIG" KRB5CCNAME="FILE:$SCRATCH/ccache-a2" kinit "$A_USER_NAME" <<<"$A_USER_PASSWORD"
+expect_rc "stop C" 0 bash "$REALM_SH" stop "$C"
+expect_eq "no process names C's directory" "$(processes_of "$C")" ''
+
 # Stop A; B goes on.
 expect_rc "stop A" 0 bash "$REALM_SH" stop "$A"
 for p in "$A_KDC_PID" "$A_SLAPD_PID"; do
