@@ -1,4 +1,10 @@
 #include "krbtest.h"
+#include "realmenv.h"
+
+#include <zmkerberos.h>
+
+#include <QFile>
+#include <QProcess>
 
 #include <gssapi/gssapi_krb5.h>
 
@@ -132,6 +138,48 @@ bool fileExists(const std::string &path)
 {
     struct stat st;
     return stat(path.c_str(), &st) == 0;
+}
+
+bool kinit(const QString &principal, const QString &password)
+{
+    QProcess process;
+    process.start(QStringLiteral("kinit"), {principal});
+    if (!process.waitForStarted(10000))
+        return false;
+    process.write(password.toUtf8() + "\n");
+    process.closeWriteChannel();
+    process.waitForFinished(30000);
+    return process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0;
+}
+
+void kdestroy()
+{
+    QString name = qEnvironmentVariable("KRB5CCNAME");
+    if (name.startsWith(QStringLiteral("FILE:")))
+        name = name.mid(5);
+    if (!name.isEmpty())
+        QFile::remove(name);
+}
+
+std::vector<unsigned char> freshToken()
+{
+    const RealmEnv &env = RealmEnv::get();
+    std::vector<unsigned char> token;
+    {
+        zmkrb::Client client(env.str("SERVICE_NAME"));
+        client.setKTFile(env.str("SSO_KEYTAB"));
+        const zmkrb::Result result = client.authorize(env.str("KRB5_REALM"), env.str("USER_NAME"),
+                                                      env.str("USER_PASSWORD"));
+        token = result.token;
+    }
+    clearRegisteredKeytab();
+    resetThreadCache();
+    return token;
+}
+
+void clearRegisteredKeytab()
+{
+    krb5_gss_register_acceptor_identity(nullptr);
 }
 
 QStringList krbTexts(const LogCapture &log, QtMsgType type)

@@ -67,6 +67,17 @@ void resetThreadCache();
 std::set<std::string> tktFiles();
 bool fileExists(const std::string &path);
 
+// kinit (the MIT program) of user@realm into the cache the environment's
+// KRB5CCNAME names; true on success.
+bool kinit(const QString &principal, const QString &password);
+// Removes the cache KRB5CCNAME names.
+void kdestroy();
+// A first initiator token for SERVICE_NAME from a password login of the
+// realm's user (the Client is gone when this returns).
+std::vector<unsigned char> freshToken();
+// Clears the acceptor keytab registered for the process.
+void clearRegisteredKeytab();
+
 // Texts of the "platform.lib.zmauth.kerberos" records of one type.
 QStringList krbTexts(const LogCapture &log, QtMsgType type = QtWarningMsg);
 // The message krb5 has for a code, with a context of its own.
