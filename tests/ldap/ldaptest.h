@@ -1,0 +1,146 @@
+#ifndef ZMAUTH_TEST_LDAPTEST_H
+#define ZMAUTH_TEST_LDAPTEST_H
+
+// Shared helpers of the directory tests: settings records for the realm, the
+// function names the library's records carry, and a one-line form of a log
+// record so that whole sequences can be compared.
+
+#include "logcapture.h"
+#include "realmenv.h"
+#include "zelmora.h"
+
+#include <QDebug>
+#include <QStringList>
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace fn {
+const QString connect = QStringLiteral("int ZMLDAPPrivate::connect()");
+const QString unbind = QStringLiteral("void ZMLDAPPrivate::unbind()");
+const QString digest = QStringLiteral("int ZMLDAPPrivate::bindDigestMD5Linux(const QString&, const QString&, const QString&)");
+const QString gssapi = QStringLiteral("int ZMLDAPPrivate::bindGSSAPILinux()");
+const QString simple = QStringLiteral("int ZMLDAPPrivate::bindSimpleLinux(const QString&, const QString&)");
+const QString interact = QStringLiteral("int zm_sasl_interact(LDAP*, unsigned int, void*, void*)");
+const QString checkADUser = QStringLiteral("bool ZMLDAPPrivate::checkADUser(const QString&)");
+const QString userList = QStringLiteral("bool ZMLDAPPrivate::getUserList(QList<zelmora::ObjectInfo>&, const QHash<QString, QString>&)");
+const QString iteratorCtor = QStringLiteral("ZMLDAPObjectIteratorPrivate::ZMLDAPObjectIteratorPrivate(ZMLDAP*, zmldap::Scope, const QHash<QString, QString>&)");
+const QString first = QStringLiteral("zelmora::ObjectInfo ZMLDAPObjectIteratorPrivate::first()");
+const QString next = QStringLiteral("zelmora::ObjectInfo ZMLDAPObjectIteratorPrivate::next()");
+const QString unpack = QStringLiteral("zelmora::ObjectInfo ZMLDAPObjectIteratorPrivate::unpackEntry()");
+} // namespace fn
+
+const QString kLdapCategory = QStringLiteral("platform.lib.zmauth.ldap");
+const QString kSourceFile = QStringLiteral("src/zmldap.cpp");
+
+inline QString levelName(QtMsgType type)
+{
+    switch (type) {
+    case QtDebugMsg: return QStringLiteral("debug");
+    case QtInfoMsg: return QStringLiteral("info");
+    case QtWarningMsg: return QStringLiteral("warning");
+    case QtCriticalMsg: return QStringLiteral("critical");
+    case QtFatalMsg: return QStringLiteral("fatal");
+    }
+    return QStringLiteral("?");
+}
+
+// "level | category | function | text"
+inline QString line(QtMsgType type, const QString &category, const QString &function, const QString &text)
+{
+    return levelName(type) + QStringLiteral(" | ") + category + QStringLiteral(" | ") + function
+        + QStringLiteral(" | ") + text;
+}
+
+inline QString line(const LogRecord &r)
+{
+    return line(r.type, r.category, r.function, r.text);
+}
+
+inline QString dbg(const QString &function, const QString &text)
+{
+    return line(QtDebugMsg, defaultCategory(), function, text);
+}
+inline QString ldbg(const QString &function, const QString &text)
+{
+    return line(QtDebugMsg, kLdapCategory, function, text);
+}
+inline QString lcrit(const QString &function, const QString &text)
+{
+    return line(QtCriticalMsg, kLdapCategory, function, text);
+}
+
+// Every record of the capture in one-line form; records of the library must
+// all name its source file.
+inline QStringList lines(const LogCapture &log, bool *allFromLibrary = nullptr)
+{
+    QStringList out;
+    bool ok = true;
+    for (const LogRecord &r : log.records()) {
+        out.append(line(r));
+        if (r.file != kSourceFile)
+            ok = false;
+    }
+    if (allFromLibrary)
+        *allFromLibrary = ok;
+    return out;
+}
+
+// The records without the settings dump of connect() and without the
+// SASL callback's lines (their number depends on the mechanism's rounds).
+inline QStringList linesWithout(const LogCapture &log, const QStringList &functions)
+{
+    QStringList out;
+    for (const LogRecord &r : log.records())
+        if (!functions.contains(r.function))
+            out.append(line(r));
+    return out;
+}
+
+// The text that connect()'s settings dump carries for a record.
+inline QString settingsDump(const zelmora::ObjectInfo &settings)
+{
+    QString text;
+    QDebug(&text) << settings << settings.params;
+    return text.trimmed();
+}
+
+inline zelmora::ObjectInfo realmSettings(const QString &method, const QString &user = QString(),
+                                         const QString &password = QString())
+{
+    const RealmEnv &env = RealmEnv::get();
+    zelmora::ObjectInfo s;
+    s.params.insert(QStringLiteral("PT_HOST"), env.value(QStringLiteral("LDAP_HOST")));
+    s.params.insert(QStringLiteral("PT_PORT"), env.value(QStringLiteral("LDAP_PORT")));
+    s.params.insert(QStringLiteral("PT_BASE_DN"), env.value(QStringLiteral("BASE_DN")));
+    s.params.insert(QStringLiteral("PT_USER"), user.isNull() ? env.value(QStringLiteral("USER_NAME")) : user);
+    s.params.insert(QStringLiteral("PT_USER_PASSWORD"),
+                    password.isNull() ? env.value(QStringLiteral("USER_PASSWORD")) : password);
+    if (!method.isNull())
+        s.params.insert(QStringLiteral("PT_METHOD"), method);
+    return s;
+}
+
+// A result code as the library writes it: hexadecimal, no prefix, "-" for negatives.
+inline QString hexText(int code)
+{
+    return code < 0 ? QStringLiteral("-") + QString::number(-qint64(code), 16) : QString::number(code, 16);
+}
+
+// A TCP port on 127.0.0.1 that nothing listens on (bound, then closed).
+inline int closedPort()
+{
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in addr {};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    addr.sin_port = 0;
+    ::bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr);
+    socklen_t len = sizeof addr;
+    ::getsockname(fd, reinterpret_cast<sockaddr *>(&addr), &len);
+    ::close(fd);
+    return ntohs(addr.sin_port);
+}
+
+#endif // ZMAUTH_TEST_LDAPTEST_H
