@@ -1,0 +1,364 @@
+// "ldap users" and "ldap check": what the system would see of a directory.
+#include "cli.h"
+#include "inputfiles.h"
+#include "logsink.h"
+
+#include "zmldap.h"
+#include "zmlogging.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QRegularExpression>
+#include <QSet>
+
+#include <algorithm>
+#include <cstdio>
+
+namespace {
+
+QString ldapCategory()
+{
+    return QString::fromLatin1(ldapc().categoryName());
+}
+
+// The settings option and --verbose are shared by both subcommands.
+struct DirectoryOptions {
+    QCommandLineOption settings{QStringList{QStringLiteral("s"), QStringLiteral("settings")},
+                                QStringLiteral("Directory settings: a JSON object of the system's setting keys "
+                                               "(PT_HOST, PT_PORT, PT_METHOD, PT_USER, PT_USER_PASSWORD, PT_BASE_DN, "
+                                               "PT_USER_FILTER, PT_USER_ID_PARAMETER, PT_USER_CUSTOM_FIELDS_PARAMETER) "
+                                               "with text values."),
+                                QStringLiteral("FILE")};
+    QCommandLineOption verbose{QStringList{QStringLiteral("v"), QStringLiteral("verbose")},
+                               QStringLiteral("Show the library's debug records on standard error. "
+                                              "They include the bind password.")};
+
+    void addTo(QCommandLineParser &parser) const
+    {
+        parser.addOption(settings);
+        parser.addOption(verbose);
+    }
+};
+
+// Builds the directory object and connects. On failure prints the library's
+// own critical record and returns the exit code; otherwise -1.
+int connectDirectory(ZMLDAP &directory, const QString &command)
+{
+    LogSink::clear();
+    const int rc = directory.connect();
+    if (rc == 0)
+        return -1;
+    QString reason = LogSink::lastCritical(ldapCategory());
+    if (reason.isEmpty()) // ldap_initialize refused the address: the library logs that at debug only
+        reason = QStringLiteral("the LDAP library refused to open a session to the configured host and port (result %1)").arg(rc);
+    printError(command, QStringLiteral("connect failed: ") + reason);
+    return ExitConnectFailed;
+}
+
+QString cellText(const QString &value)
+{
+    QString text = value;
+    text.replace(QLatin1Char('\n'), QLatin1String("\\n"));
+    text.replace(QLatin1Char('\r'), QLatin1String("\\r"));
+    text.replace(QLatin1Char('\t'), QLatin1String("\\t"));
+    return text;
+}
+
+int displayWidth(const QString &text)
+{
+    // Combining marks take no column of their own.
+    int width = 0;
+    for (int i = 0; i < text.size(); ++i) {
+        const QChar c = text.at(i);
+        if (c.isLowSurrogate())
+            continue;
+        const QChar::Category category = c.category();
+        if (category == QChar::Mark_NonSpacing || category == QChar::Mark_Enclosing)
+            continue;
+        ++width;
+    }
+    return width;
+}
+
+QString padded(const QString &text, int width)
+{
+    return text + QString(std::max(0, width - displayWidth(text)), QLatin1Char(' '));
+}
+
+const char *const kEmptyCodeHeader = "(empty code)";
+const char *const kAbsent = "-";
+
+void printTable(const QList<zelmora::ObjectInfo> &records, const QStringList &fieldOrder)
+{
+    // Columns: the fields in the order the mapping names them, then whatever
+    // else the records hold, sorted.
+    QStringList columns;
+    QSet<QString> present;
+    for (const zelmora::ObjectInfo &record : records) {
+        for (auto it = record.params.begin(); it != record.params.end(); ++it)
+            present.insert(it.key());
+    }
+    for (const QString &field : fieldOrder) {
+        if (present.contains(field))
+            columns << field;
+    }
+    QStringList rest;
+    for (const QString &field : present) {
+        if (!columns.contains(field))
+            rest << field;
+    }
+    std::sort(rest.begin(), rest.end());
+    columns << rest;
+
+    QStringList header;
+    for (const QString &column : columns)
+        header << (column.isEmpty() ? QString::fromLatin1(kEmptyCodeHeader) : column);
+
+    QList<QStringList> rows;
+    for (const zelmora::ObjectInfo &record : records) {
+        QStringList row;
+        for (const QString &column : columns)
+            row << (record.params.contains(column) ? cellText(record.params.value(column)) : QString::fromLatin1(kAbsent));
+        rows << row;
+    }
+
+    QVector<int> widths(columns.size(), 0);
+    for (int c = 0; c < columns.size(); ++c) {
+        widths[c] = displayWidth(header.at(c));
+        for (const QStringList &row : rows)
+            widths[c] = std::max(widths[c], displayWidth(row.at(c)));
+    }
+
+    auto printRow = [&](const QStringList &cells) {
+        QString line;
+        for (int c = 0; c < cells.size(); ++c) {
+            if (c > 0)
+                line += QLatin1String("  ");
+            line += c + 1 < cells.size() ? padded(cells.at(c), widths[c]) : cells.at(c);
+        }
+        std::printf("%s\n", line.toLocal8Bit().constData());
+    };
+    printRow(header);
+    QStringList rule;
+    for (int c = 0; c < columns.size(); ++c)
+        rule << QString(widths[c], QLatin1Char('-'));
+    printRow(rule);
+    for (const QStringList &row : rows)
+        printRow(row);
+
+    QStringList types;
+    for (const zelmora::ObjectInfo &record : records) {
+        if (!types.contains(record.type))
+            types << record.type;
+    }
+    std::printf("\n%d record%s of type %s\n", int(records.size()), records.size() == 1 ? "" : "s",
+                qPrintable(types.join(QLatin1String(", "))));
+}
+
+void printJson(const QList<zelmora::ObjectInfo> &records)
+{
+    QJsonArray array;
+    for (const zelmora::ObjectInfo &record : records) {
+        QJsonObject params;
+        for (auto it = record.params.begin(); it != record.params.end(); ++it)
+            params.insert(it.key(), it.value());
+        array.append(QJsonObject{{QStringLiteral("type"), record.type}, {QStringLiteral("params"), params}});
+    }
+    std::fputs(QJsonDocument(array).toJson(QJsonDocument::Indented).constData(), stdout);
+}
+
+int runUsers(const QStringList &args)
+{
+    const QString command = QStringLiteral("ldap users");
+    QCommandLineParser parser;
+    parser.setApplicationDescription(
+        QStringLiteral("Connects to the directory as the settings say, runs the user listing that a user\n"
+                       "import runs, and prints every record it yields: a preview of the import.\n"
+                       "The attribute-to-field mapping comes from --mapping, or else from the settings'\n"
+                       "PT_USER_CUSTOM_FIELDS_PARAMETER, as the system would take it.\n"
+                       "In the table, '-' marks a field the record does not have."));
+    DirectoryOptions common;
+    common.addTo(parser);
+    const QCommandLineOption mappingOption(
+        QStringList{QStringLiteral("m"), QStringLiteral("mapping")},
+        QStringLiteral("Attribute-to-field mapping in the custom field form: a JSON array of one-member "
+                       "objects, e.g. [{\"cn\": \"PT_SURNAME PT_NAME PT_PATRONYMIC\"}, {\"sAMAccountName\": \"PT_LOGIN\"}]."),
+        QStringLiteral("FILE"));
+    const QCommandLineOption format(QStringList{QStringLiteral("f"), QStringLiteral("format")},
+                                    QStringLiteral("Output: table (aligned, for reading) or json (an array of "
+                                                   "{\"type\", \"params\"} objects). Default: table."),
+                                    QStringLiteral("table|json"), QStringLiteral("table"));
+    parser.addOption(mappingOption);
+    parser.addOption(format);
+    const int parsed = parseCommandLine(parser, command, args);
+    if (parsed >= 0)
+        return parsed;
+    if (!parser.positionalArguments().isEmpty()) {
+        printError(command, QStringLiteral("unexpected argument '%1'").arg(parser.positionalArguments().constFirst()));
+        return ExitUsage;
+    }
+    if (!requireOption(parser, command, QStringLiteral("settings")))
+        return ExitUsage;
+    const QString formatName = parser.value(format);
+    if (formatName != QLatin1String("table") && formatName != QLatin1String("json")) {
+        printError(command, QStringLiteral("--format must be table or json, not '%1'").arg(formatName));
+        return ExitUsage;
+    }
+
+    zelmora::ObjectInfo settings;
+    QString error;
+    if (!loadSettings(parser.value(common.settings), settings, &error)) {
+        printError(command, error);
+        return ExitUsage;
+    }
+
+    const bool ownMapping = parser.isSet(mappingOption);
+    FieldMapping mapping;
+    if (ownMapping) {
+        if (!loadMapping(parser.value(mappingOption), mapping, &error)) {
+            printError(command, error);
+            return ExitUsage;
+        }
+        for (const QString &warning : qAsConst(mapping.warnings))
+            printWarning(command, QStringLiteral("mapping: ") + warning);
+    } else {
+        // The library reads this setting itself and says nothing about a bad
+        // one; reading it here as well lets the preview say what went wrong.
+        const QString key = db::system::ldap::USER_CUSTOM_FIELDS_PARAMETER;
+        const QString text = settings.params.value(key);
+        if (!text.isEmpty() && !parseMapping(text.toUtf8(), mapping, &error))
+            printWarning(command, QStringLiteral("%1 is %2; the system reads it as no mapping").arg(key, error));
+        for (const QString &warning : qAsConst(mapping.warnings))
+            printWarning(command, key + QStringLiteral(": ") + warning);
+    }
+    if (mapping.pairs.isEmpty())
+        printWarning(command, QStringLiteral("no attribute mapping: each record keeps only its last attribute, "
+                                             "under an empty field code"));
+
+    const bool verbose = parser.isSet(common.verbose);
+    if (verbose)
+        warnVerbose();
+    LogSink::install(verbose);
+
+    ZMLDAP directory(settings);
+    const int connected = connectDirectory(directory, command);
+    if (connected >= 0)
+        return connected;
+
+    LogSink::clear();
+    QList<zelmora::ObjectInfo> records;
+    const bool ok = ownMapping ? directory.getUserList(records, mapping.pairs) : directory.getUserList(records);
+    if (!ok) {
+        QString reason = LogSink::lastCritical(ldapCategory());
+        if (reason.isEmpty())
+            reason = QStringLiteral("the library reported no reason");
+        if (reason.startsWith(QLatin1String("ldap_count_entries error")))
+            reason += QStringLiteral(" (no entry matched the base DN and user filter)");
+        printError(command, QStringLiteral("user listing failed: ") + reason);
+        return ExitDirectoryFailed;
+    }
+
+    if (formatName == QLatin1String("json"))
+        printJson(records);
+    else
+        printTable(records, mapping.fieldOrder);
+    return ExitOk;
+}
+
+int runCheck(const QStringList &args)
+{
+    const QString command = QStringLiteral("ldap check");
+    QCommandLineParser parser;
+    parser.setApplicationDescription(
+        QStringLiteral("Connects to the directory as the settings say and asks whether it holds an account\n"
+                       "whose login attribute (PT_USER_ID_PARAMETER, by default sAMAccountName) equals NAME.\n"
+                       "Prints \"found\" or \"not found\". The name goes into the search filter as it is:\n"
+                       "'*' matches any account."));
+    DirectoryOptions common;
+    common.addTo(parser);
+    parser.addPositionalArgument(QStringLiteral("NAME"), QStringLiteral("The account name to look for."));
+    const int parsed = parseCommandLine(parser, command, args);
+    if (parsed >= 0)
+        return parsed;
+    const QStringList names = parser.positionalArguments();
+    if (names.size() != 1) {
+        printError(command, names.isEmpty() ? QStringLiteral("NAME is required") : QStringLiteral("takes exactly one NAME"));
+        std::fprintf(stderr, "Try 'zmauth %s --help'.\n", qPrintable(command));
+        return ExitUsage;
+    }
+    if (!requireOption(parser, command, QStringLiteral("settings")))
+        return ExitUsage;
+
+    zelmora::ObjectInfo settings;
+    QString error;
+    if (!loadSettings(parser.value(common.settings), settings, &error)) {
+        printError(command, error);
+        return ExitUsage;
+    }
+    const QString name = names.constFirst();
+    if (name.contains(QRegularExpression(QStringLiteral("[*()\\\\\\x00]"))))
+        printWarning(command, QStringLiteral("the name holds search filter characters; they are used as they "
+                                             "are ('*' matches any account)"));
+
+    const bool verbose = parser.isSet(common.verbose);
+    if (verbose)
+        warnVerbose();
+    LogSink::install(verbose);
+
+    ZMLDAP directory(settings);
+    const int connected = connectDirectory(directory, command);
+    if (connected >= 0)
+        return connected;
+
+    // The library answers false both for "no such account" and for a failed
+    // search; only the latter leaves a critical record.
+    LogSink::clear();
+    const bool found = directory.checkADUser(name);
+    if (found) {
+        std::printf("found\n");
+        return ExitOk;
+    }
+    const QString reason = LogSink::lastCritical(ldapCategory());
+    if (!reason.isEmpty()) {
+        printError(command, QStringLiteral("account check failed: ") + reason);
+        return ExitDirectoryFailed;
+    }
+    std::printf("not found\n");
+    return ExitNotFound;
+}
+
+const char *const kLdapUsage =
+    "Usage: zmauth ldap users --settings FILE [--mapping FILE] [--format table|json] [--verbose]\n"
+    "       zmauth ldap check NAME --settings FILE [--verbose]\n"
+    "\n"
+    "  users  the user records a directory import would read, with the field mapping applied\n"
+    "  check  whether the directory holds the account NAME\n"
+    "\n"
+    "Run 'zmauth ldap users --help' or 'zmauth ldap check --help' for the options.\n"
+    "\n";
+
+} // namespace
+
+int runLdap(const QStringList &args)
+{
+    // args: program, subcommand, options...
+    const QString sub = args.value(1);
+    QStringList rest = args;
+    if (rest.size() > 1)
+        rest.removeAt(1);
+    if (sub == QLatin1String("users"))
+        return runUsers(rest);
+    if (sub == QLatin1String("check"))
+        return runCheck(rest);
+    if (sub == QLatin1String("--help") || sub == QLatin1String("-h") || sub == QLatin1String("help")) {
+        std::printf("%s%s\n", kLdapUsage, qPrintable(exitStatusHelp()));
+        return ExitOk;
+    }
+    if (sub.isEmpty())
+        std::fprintf(stderr, "zmauth ldap: a subcommand is required (users or check)\n");
+    else
+        std::fprintf(stderr, "zmauth ldap: unknown subcommand '%s'\n", sub.toLocal8Bit().constData());
+    std::fprintf(stderr, "Try 'zmauth ldap --help'.\n");
+    return ExitUsage;
+}
