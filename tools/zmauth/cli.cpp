@@ -61,8 +61,12 @@ bool requireOption(const QCommandLineParser &parser, const QString &command, con
     return false;
 }
 
-void warnVerbose()
+void warnVerbose(VerboseRecords records)
 {
-    std::fprintf(stderr, "zmauth: warning: --verbose shows the library's debug records, "
-                         "which include the directory bind password in clear text\n");
+    if (records == VerboseRecords::Directory)
+        std::fprintf(stderr, "zmauth: warning: --verbose shows the library's debug records, "
+                             "which include the directory bind password in clear text\n");
+    else
+        std::fprintf(stderr, "zmauth: warning: --verbose shows the library's debug records; "
+                             "treat them as secret (the directory's include the bind password)\n");
 }

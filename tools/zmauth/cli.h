@@ -29,7 +29,8 @@ void printWarning(const QString &command, const QString &message);
 bool requireOption(const QCommandLineParser &parser, const QString &command, const QString &name);
 
 // One line on standard error before any debug record is printed.
-void warnVerbose();
+enum class VerboseRecords { Directory, Kerberos };
+void warnVerbose(VerboseRecords records);
 
 int runVersion(const QStringList &args);
 int runHash(const QStringList &args);

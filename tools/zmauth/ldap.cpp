@@ -238,7 +238,7 @@ int runUsers(const QStringList &args)
 
     const bool verbose = parser.isSet(common.verbose);
     if (verbose)
-        warnVerbose();
+        warnVerbose(VerboseRecords::Directory);
     LogSink::install(verbose);
 
     ZMLDAP directory(settings);
@@ -303,7 +303,7 @@ int runCheck(const QStringList &args)
 
     const bool verbose = parser.isSet(common.verbose);
     if (verbose)
-        warnVerbose();
+        warnVerbose(VerboseRecords::Directory);
     LogSink::install(verbose);
 
     ZMLDAP directory(settings);

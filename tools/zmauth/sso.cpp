@@ -114,7 +114,7 @@ int runSso(const QStringList &args)
     const QByteArray password = readPassword(prompt.constData());
 
     if (parser.isSet(verbose))
-        warnVerbose();
+        warnVerbose(VerboseRecords::Kerberos);
     LogSink::install(parser.isSet(verbose));
 
     // The keytab registration is process-wide, and a Service acquires its
