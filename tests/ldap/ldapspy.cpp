@@ -1,6 +1,7 @@
 #include "ldapspy.h"
 
 #include <QSet>
+#include <QVector>
 
 #include <dlfcn.h>
 
@@ -32,6 +33,8 @@ struct State {
     bool answerBind = false;
     int bindRc = 0;
     QList<SearchCall> searches;
+    bool forceSearch = false;
+    int searchRc = 0;
     bool forceCount = false;
     int count = 0;
     QSet<QByteArray> noValues;
@@ -135,7 +138,7 @@ int ldap_search_ext_s(LDAP *ld, const char *base, int scope, const char *filter,
     call.rc = real_ldap_search_ext_s(ld, base, scope, filter, attrs, attrsonly, serverctrls, clientctrls, timeout,
                                      sizelimit, res);
     state().searches.append(call);
-    return call.rc;
+    return state().forceSearch ? state().searchRc : call.rc;
 }
 
 int ldap_count_entries(LDAP *ld, LDAPMessage *chain)
@@ -221,6 +224,12 @@ void answerSaslBind(int rc)
 
 QList<SearchCall> &searches() { return state().searches; }
 
+void forceSearchRc(int rc)
+{
+    state().forceSearch = true;
+    state().searchRc = rc;
+}
+
 void forceCountEntries(int value)
 {
     state().forceCount = true;
@@ -231,6 +240,57 @@ void noValuesFor(const QByteArray &attribute) { state().noValues.insert(attribut
 void emptyValuesFor(const QByteArray &attribute) { state().emptyValues.insert(attribute); }
 int nullEntryCalls() { return state().nullEntries; }
 int messagesFreed() { return state().freed; }
+
+QList<DirEntry> readEntries(const QByteArray &uri, const QByteArray &base, int scope, const QByteArray &filter,
+                            const QList<QByteArray> &attributes, int *rcOut)
+{
+    const State saved = state();
+    state() = State();
+    QList<DirEntry> out;
+    LDAP *ld = nullptr;
+    int rc = ldap_initialize(&ld, uri.constData());
+    if (rc == LDAP_SUCCESS) {
+        const int version = LDAP_VERSION3;
+        ldap_set_option(ld, LDAP_OPT_PROTOCOL_VERSION, &version);
+        ldap_set_option(ld, LDAP_OPT_REFERRALS, LDAP_OPT_OFF);
+        QList<QByteArray> names = attributes;
+        QVector<char *> list;
+        for (QByteArray &n : names)
+            list.append(n.data());
+        list.append(nullptr);
+        LDAPMessage *res = nullptr;
+        rc = ldap_search_ext_s(ld, base.constData(), scope, filter.constData(), attributes.isEmpty() ? nullptr : list.data(),
+                               0, nullptr, nullptr, nullptr, 0, &res);
+        for (LDAPMessage *e = res ? ldap_first_entry(ld, res) : nullptr; e; e = ldap_next_entry(ld, e)) {
+            DirEntry entry;
+            char *dn = ldap_get_dn(ld, e);
+            entry.dn = QByteArray(dn);
+            ldap_memfree(dn);
+            BerElement *ber = nullptr;
+            for (char *a = ldap_first_attribute(ld, e, &ber); a; a = ldap_next_attribute(ld, e, ber)) {
+                DirAttribute attribute;
+                attribute.name = QByteArray(a);
+                if (struct berval **values = ldap_get_values_len(ld, e, a)) {
+                    for (struct berval **v = values; *v; ++v)
+                        attribute.values.append(QByteArray((*v)->bv_val, int((*v)->bv_len)));
+                    ldap_value_free_len(values);
+                }
+                entry.attributes.append(attribute);
+                ldap_memfree(a);
+            }
+            if (ber)
+                ber_free(ber, 0);
+            out.append(entry);
+        }
+        if (res)
+            ldap_msgfree(res);
+        ldap_unbind_ext(ld, nullptr, nullptr);
+    }
+    if (rcOut)
+        *rcOut = rc;
+    state() = saved;
+    return out;
+}
 
 int searchCount(LDAP *ld, const char *base, const char *filter, int *rcOut)
 {

@@ -74,6 +74,10 @@ void answerSaslBind(int rc);
 // ldap_search_ext_s: every call as the library under test made it.
 QList<SearchCall> &searches();
 
+// ldap_search_ext_s: return this code instead of the library's (the result
+// the library made is still handed back).
+void forceSearchRc(int rc);
+
 // ldap_count_entries: return this value instead of the library's.
 void forceCountEntries(int value);
 
@@ -88,6 +92,28 @@ int nullEntryCalls();
 
 // ldap_msgfree calls with a non-null message.
 int messagesFreed();
+
+// One entry as the server returns it: attribute names in order, raw values.
+struct DirAttribute {
+    QByteArray name;
+    QList<QByteArray> values;
+};
+struct DirEntry {
+    QByteArray dn;
+    QList<DirAttribute> attributes;
+    QList<QByteArray> valuesOf(const QByteArray &name) const
+    {
+        for (const DirAttribute &a : attributes)
+            if (a.name == name)
+                return a.values;
+        return {};
+    }
+};
+
+// Reads entries anonymously from the realm on a session of its own, with no
+// fault armed and nothing recorded.
+QList<DirEntry> readEntries(const QByteArray &uri, const QByteArray &base, int scope, const QByteArray &filter,
+                            const QList<QByteArray> &attributes = {}, int *rc = nullptr);
 
 // A search on an open session, straight on libldap: the number of entries, or
 // -1 with rc set on failure.

@@ -5,6 +5,7 @@
 // function names the library's records carry, and a one-line form of a log
 // record so that whole sequences can be compared.
 
+#include "ldapspy.h"
 #include "logcapture.h"
 #include "realmenv.h"
 #include "zelmora.h"
@@ -15,6 +16,9 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
+
+using ldapspy::DirAttribute;
+using ldapspy::DirEntry;
 
 namespace fn {
 const QString connect = QStringLiteral("int ZMLDAPPrivate::connect()");
@@ -142,5 +146,50 @@ inline int closedPort()
     ::close(fd);
     return ntohs(addr.sin_port);
 }
+
+// A directory value as text: its bytes up to the first zero, as UTF-8.
+inline QString textOf(const QByteArray &value)
+{
+    const int zero = value.indexOf('\0');
+    return QString::fromUtf8(zero < 0 ? value : value.left(zero));
+}
+
+// The attribute-to-field rule written out plainly, as the tests read it.
+// nameWhenUnmapped: with an empty mapping, the iterator keys by attribute
+// name; the listing keys by the empty string.
+inline QHash<QString, QString> expectedParams(const DirEntry &entry, const QHash<QString, QString> &mapping,
+                                              bool nameWhenUnmapped)
+{
+    QHash<QString, QString> params;
+    for (const DirAttribute &attribute : entry.attributes) {
+        if (attribute.values.isEmpty())
+            continue;
+        QStringList values;
+        for (const QByteArray &v : attribute.values)
+            values.append(textOf(v));
+        const QString name = QString::fromUtf8(attribute.name);
+        const QString key = mapping.isEmpty() ? (nameWhenUnmapped ? name : QString()) : mapping.value(name);
+        const QStringList fields = key.split(QLatin1Char(' '), Qt::SkipEmptyParts);
+        const QString joined = values.join(QLatin1Char(';'));
+        if (fields.size() < 2) {
+            params.insert(key, joined);
+            continue;
+        }
+        const QStringList words = joined.split(QLatin1Char(' '), Qt::SkipEmptyParts);
+        for (int i = 0; i < fields.size(); ++i) {
+            if (i < fields.size() - 1)
+                params.insert(fields[i], i < words.size() ? words[i] : QString::fromLatin1(""));
+            else
+                params.insert(fields[i], i < words.size() ? words.mid(i).join(QLatin1Char(' ')) : QString::fromLatin1(""));
+        }
+    }
+    return params;
+}
+
+inline QByteArray realmUri() { return RealmEnv::get().bytes(QStringLiteral("LDAP_URI")); }
+inline QString realmValue(const char *key) { return RealmEnv::get().value(QString::fromLatin1(key)); }
+inline QByteArray realmBytes(const char *key) { return RealmEnv::get().bytes(QString::fromLatin1(key)); }
+
+const QString kDefaultFilter = QStringLiteral("(&(objectClass=user)(objectCategory=person))");
 
 #endif // ZMAUTH_TEST_LDAPTEST_H
