@@ -21,37 +21,37 @@
 // gets its own copy, built at load time.
 namespace db {
 namespace system {
-const QString USER("OT_USER");
+const QString USER = QStringLiteral("OT_USER");
 
 namespace ldap {
-const QString NAME("PT_NAME");
-const QString HOST("PT_HOST");
-const QString PORT("PT_PORT");
-const QString USER("PT_USER");
-const QString USER_PASSWORD("PT_USER_PASSWORD");
-const QString AUTH_METHOD("PT_METHOD");
-const QString BASE_DN("PT_BASE_DN");
-const QString USER_FILTER("PT_USER_FILTER");
-const QString USER_ID_PARAMETER("PT_USER_ID_PARAMETER");
-const QString USER_CUSTOM_FIELDS_PARAMETER("PT_USER_CUSTOM_FIELDS_PARAMETER");
-const QString EMPLOYEE_CUSTOM_FIELDS_PARAMETER("PT_EMPLOYEE_CUSTOM_FIELDS_PARAMETER");
-const QString DEFAULT_USER_ROLE_TEMPLATE("PT_DEFAULT_USER_ROLE_TEMPLATE");
-const QString DEFAULT_USER_IDENT_TYPE("PT_DEFAULT_USER_IDENT_TYPE");
-const QString SPN("PT_SPN");
-const QString ENABLE_SSO("PT_ENABLE_SSO");
+const QString NAME = QStringLiteral("PT_NAME");
+const QString HOST = QStringLiteral("PT_HOST");
+const QString PORT = QStringLiteral("PT_PORT");
+const QString USER = QStringLiteral("PT_USER");
+const QString USER_PASSWORD = QStringLiteral("PT_USER_PASSWORD");
+const QString AUTH_METHOD = QStringLiteral("PT_METHOD");
+const QString BASE_DN = QStringLiteral("PT_BASE_DN");
+const QString USER_FILTER = QStringLiteral("PT_USER_FILTER");
+const QString USER_ID_PARAMETER = QStringLiteral("PT_USER_ID_PARAMETER");
+const QString USER_CUSTOM_FIELDS_PARAMETER = QStringLiteral("PT_USER_CUSTOM_FIELDS_PARAMETER");
+const QString EMPLOYEE_CUSTOM_FIELDS_PARAMETER = QStringLiteral("PT_EMPLOYEE_CUSTOM_FIELDS_PARAMETER");
+const QString DEFAULT_USER_ROLE_TEMPLATE = QStringLiteral("PT_DEFAULT_USER_ROLE_TEMPLATE");
+const QString DEFAULT_USER_IDENT_TYPE = QStringLiteral("PT_DEFAULT_USER_IDENT_TYPE");
+const QString SPN = QStringLiteral("PT_SPN");
+const QString ENABLE_SSO = QStringLiteral("PT_ENABLE_SSO");
 } // namespace ldap
 } // namespace system
 
 namespace user {
-const QString LOGIN("PT_LOGIN");
-const QString ROLE_TEMPLATE("PT_ROLETEMPLATE");
+const QString LOGIN = QStringLiteral("PT_LOGIN");
+const QString ROLE_TEMPLATE = QStringLiteral("PT_ROLETEMPLATE");
 } // namespace user
 
 namespace worker {
-const QString LAST_NAME("PT_SURNAME");
-const QString FIRST_NAME("PT_NAME");
-const QString MIDDLE_NAME("PT_PATRONYMIC");
-const QString WORKERNUM("PT_WORKERNUM");
+const QString LAST_NAME = QStringLiteral("PT_SURNAME");
+const QString FIRST_NAME = QStringLiteral("PT_NAME");
+const QString MIDDLE_NAME = QStringLiteral("PT_PATRONYMIC");
+const QString WORKERNUM = QStringLiteral("PT_WORKERNUM");
 } // namespace worker
 } // namespace db
 
