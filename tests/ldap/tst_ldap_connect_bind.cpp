@@ -345,6 +345,60 @@ private slots:
         QVERIFY(ldapspy::whoAmI(ldapspy::initializedHandles().value(0)).contains(RealmEnv::get().value(QStringLiteral("USER_NAME"))));
     }
 
+    void unsetSettings_data()
+    {
+        QTest::addColumn<QString>("key");
+        QTest::addColumn<bool>("empty");   // false: absent
+        for (const char *key : {"PT_HOST", "PT_PORT", "PT_USER", "PT_USER_PASSWORD", "PT_METHOD", "PT_BASE_DN",
+                                "PT_USER_FILTER", "PT_USER_ID_PARAMETER", "PT_USER_CUSTOM_FIELDS_PARAMETER"}) {
+            QTest::newRow((QByteArray(key) + " absent").constData()) << QString::fromLatin1(key) << false;
+            QTest::newRow((QByteArray(key) + " empty").constData()) << QString::fromLatin1(key) << true;
+        }
+    }
+
+    // Every operation with one setting missing or empty: a result, no crash.
+    void unsetSettings()
+    {
+        QFETCH(QString, key);
+        QFETCH(bool, empty);
+        zelmora::ObjectInfo settings = realmSettings(QStringLiteral("1"));
+        settings.params.insert(QStringLiteral("PT_USER_FILTER"), QStringLiteral("(objectClass=user)"));
+        settings.params.insert(QStringLiteral("PT_USER_ID_PARAMETER"), QStringLiteral("sAMAccountName"));
+        settings.params.insert(QStringLiteral("PT_USER_CUSTOM_FIELDS_PARAMETER"), QStringLiteral("[{\"cn\": \"PT_SURNAME PT_NAME\"}]"));
+        if (empty)
+            settings.params.insert(key, QString::fromLatin1(""));
+        else
+            settings.params.remove(key);
+        LogCapture log;
+        ZMLDAP ldap(settings);
+        QElapsedTimer timer;
+        timer.start();
+        const int rc = ldap.connect();
+        QVERIFY(timer.elapsed() < 20000);
+        if (rc != 0) {
+            QCOMPARE(line(log.records().last()), ldbg(fn::unbind, QStringLiteral("Unbind")));
+            QCOMPARE(log.records().at(log.records().size() - 2).type, QtCriticalMsg);
+            QCOMPARE(ldapspy::unbound().size(), 1);
+        }
+        const bool found = ldap.checkADUser(QStringLiteral("alice"));
+        QList<zelmora::ObjectInfo> list;
+        const bool listed = ldap.getUserList(list);
+        ZMLDAPObjectIterator it(&ldap, {});
+        for (zelmora::ObjectInfo r = it.first(); !r.params.isEmpty(); r = it.next()) {
+        }
+        // The session works with anything but the address and the credentials.
+        if (key == QStringLiteral("PT_BASE_DN") || (key == QStringLiteral("PT_USER_ID_PARAMETER") && empty)) {
+            QVERIFY(!found);
+        } else if (key != QStringLiteral("PT_PORT") && key != QStringLiteral("PT_USER") && key != QStringLiteral("PT_USER_PASSWORD")
+                   && key != QStringLiteral("PT_HOST")) {
+            QCOMPARE(rc, 0);
+            QVERIFY(found);
+            QVERIFY(listed || key == QStringLiteral("PT_USER_FILTER"));
+        }
+        for (const LogRecord &r : log.records())
+            QCOMPARE(r.file, kSourceFile);
+    }
+
     // The contract leaves the first handle open; the test releases it itself.
     void secondConnect()
     {
