@@ -382,7 +382,11 @@ private slots:
         }
         const bool found = ldap.checkADUser(QStringLiteral("alice"));
         QList<zelmora::ObjectInfo> list;
-        const bool listed = ldap.getUserList(list);
+        bool listed = false;
+        {
+            ServerDisconnectScope libldapLoses;
+            listed = ldap.getUserList(list);
+        }
         ZMLDAPObjectIterator it(&ldap, {});
         for (zelmora::ObjectInfo r = it.first(); !r.params.isEmpty(); r = it.next()) {
         }

@@ -411,6 +411,7 @@ private slots:
         ZMLDAP ldap(s);
         QCOMPARE(ldap.connect(), 0);
         LogCapture log;
+        ServerDisconnectScope libldapLoses;
         ZMLDAPObjectIterator it(&ldap, {});
         const SearchCall call = ldapspy::searches().value(0);
         QCOMPARE(call.base, QByteArray(""));

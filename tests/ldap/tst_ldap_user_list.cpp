@@ -324,7 +324,11 @@ private slots:
         QCOMPARE(ldap.connect(), 0);
         LogCapture log;
         QList<zelmora::ObjectInfo> list;
-        const bool ok = ldap.getUserList(list);
+        bool ok = false;
+        {
+            ServerDisconnectScope libldapLoses;
+            ok = ldap.getUserList(list);
+        }
         const SearchCall call = ldapspy::searches().value(0);
         QCOMPARE(call.base, QByteArray(""));
         QCOMPARE(call.filter, QByteArray(""));
