@@ -110,14 +110,136 @@ QString joinedValues(berval **values, int n)
     return QString::fromUtf8(bytes.constData(), bytes.size());
 }
 
+// Keys of the lookup tables: bytes (an attribute name, a value's UTF-8 form)
+// or text (UTF-16 units), viewed in storage that the table's entry owns. The
+// key and hash types belong to this file, so that the tables' code stays
+// private to the library.
+struct BytesKey {
+    std::string_view bytes;
+    bool operator==(const BytesKey &other) const { return bytes == other.bytes; }
+};
+struct BytesHash {
+    size_t operator()(const BytesKey &key) const { return std::hash<std::string_view>()(key.bytes); }
+};
+
+struct TextKey {
+    std::u16string_view text;
+    bool operator==(const TextKey &other) const { return text == other.text; }
+};
+struct TextHash {
+    size_t operator()(const TextKey &key) const { return std::hash<std::u16string_view>()(key.text); }
+};
+
+inline BytesKey bytesKey(const char *data, size_t len)
+{
+    return BytesKey{std::string_view(data, len)};
+}
+
+inline TextKey textView(const QString &text)
+{
+    return TextKey{std::u16string_view(reinterpret_cast<const char16_t *>(text.utf16()), size_t(text.size()))};
+}
+
+inline TextKey textView(const QStringRef &text)
+{
+    return TextKey{std::u16string_view(reinterpret_cast<const char16_t *>(text.unicode()), size_t(text.size()))};
+}
+
+// Directory values repeat across users: first names, departments, titles.
+// While one field keeps repeating, the records of a listing share one copy of
+// each of its values; a field that does not (logins, mail addresses) stops
+// being pooled after a sample, and its pool is dropped.
+class ValuePool {
+public:
+    QString share(const QString &value)
+    {
+        if (!m_on || value.isEmpty())
+            return value;
+        const auto it = m_values.find(textView(value));
+        if (it != m_values.end())
+            return hit(it->second);
+        if (miss())
+            m_values.emplace(textView(value), value);
+        return value;
+    }
+
+    // The text of one value given by its UTF-8 bytes: a repeated value is
+    // found by its bytes, without decoding it again.
+    QString shareBytes(const char *data, int len)
+    {
+        if (!m_on || len == 0)
+            return len ? QString::fromUtf8(data, len) : QString::fromLatin1("");
+        const auto it = m_bytes.find(bytesKey(data, size_t(len)));
+        if (it != m_bytes.end())
+            return hit(it->second.text);
+        const QString text = QString::fromUtf8(data, len);
+        if (miss()) {
+            const QByteArray bytes(data, len);
+            m_bytes.emplace(bytesKey(bytes.constData(), size_t(len)), Encoded{bytes, text});
+        }
+        return text;
+    }
+
+    QString share(const QStringRef &value)
+    {
+        if (!m_on || value.isEmpty())
+            return value.toString();
+        const auto it = m_values.find(textView(value));
+        if (it != m_values.end())
+            return hit(it->second);
+        QString text = value.toString();
+        if (miss())
+            m_values.emplace(textView(text), text);
+        return text;
+    }
+
+private:
+    static constexpr int kSample = 1024;
+    static constexpr size_t kMaxValues = 65536;
+
+    const QString &hit(const QString &value)
+    {
+        ++m_seen;
+        ++m_hits;
+        return value;
+    }
+
+    // Whether a new value is worth keeping; turns the pool off when the field
+    // has shown that it does not repeat.
+    bool miss()
+    {
+        ++m_seen;
+        if ((m_seen % kSample == 0 && m_hits * 2 < m_seen) || m_values.size() >= kMaxValues) {
+            m_on = false;
+            m_values = {};
+            m_bytes = {};
+            return false;
+        }
+        return true;
+    }
+
+    struct Encoded {
+        QByteArray bytes;
+        QString text;
+    };
+
+    // Each key views the text (or the bytes) of the value stored with it.
+    std::unordered_map<TextKey, QString, TextHash> m_values;
+    std::unordered_map<BytesKey, Encoded, BytesHash> m_bytes;
+    int m_seen = 0;
+    int m_hits = 0;
+    bool m_on = true;
+};
+
 // Where the values of one attribute go: the mapping's target text and, when it
-// names two or more fields, those fields.
+// names two or more fields, those fields. A listing gives each field a pool.
 struct FieldTarget {
     QString key;
     QVector<QString> fields;
+    std::vector<ValuePool> pools;   // empty: values are not shared
 };
 
-FieldTarget makeTarget(const QString &key)
+FieldTarget makeTarget(const QString &key, bool pooled = false)
 {
     FieldTarget target;
     target.key = key;
@@ -127,48 +249,65 @@ FieldTarget makeTarget(const QString &key)
         for (const QStringRef &part : parts)
             target.fields.append(part.toString());
     }
+    if (pooled)
+        target.pools.resize(size_t(qMax(1, target.fields.size())));
     return target;
+}
+
+inline QString shared(FieldTarget &target, int field, const QString &text)
+{
+    return target.pools.empty() ? text : target.pools[size_t(field)].share(text);
+}
+
+inline QString shared(FieldTarget &target, int field, const QStringRef &text)
+{
+    return target.pools.empty() ? text.toString() : target.pools[size_t(field)].share(text);
 }
 
 // One field takes the joined values as they are. Several fields share the
 // words of the joined values in order; the last field takes all remaining
 // words, and fields left without a word are stored empty.
-void storeValues(QHash<QString, QString> &params, const FieldTarget &target, const QString &joined)
+void storeValues(QHash<QString, QString> &params, FieldTarget &target, const QString &joined)
 {
     const int m = target.fields.size();
     if (m < 2) {
-        params.insert(target.key, joined);
+        params.insert(target.key, shared(target, 0, joined));
         return;
     }
-    const QVector<QStringRef> words = joined.splitRef(QLatin1Char(' '), Qt::SkipEmptyParts);
+    QVarLengthArray<QStringRef, 16> words;
+    const QChar *text = joined.constData();
+    const int size = joined.size();
+    for (int i = 0; i < size;) {
+        while (i < size && text[i] == QLatin1Char(' '))
+            ++i;
+        const int start = i;
+        while (i < size && text[i] != QLatin1Char(' '))
+            ++i;
+        if (i > start)
+            words.append(QStringRef(&joined, start, i - start));
+    }
     const int w = words.size();
     for (int i = 0; i < m - 1; ++i)
-        params.insert(target.fields[i], i < w ? words[i].toString() : QString::fromLatin1(""));
+        params.insert(target.fields[i], i < w ? shared(target, i, words[i]) : QString::fromLatin1(""));
     const int last = m - 1;
     if (w <= last) {
         params.insert(target.fields[last], QString::fromLatin1(""));
     } else if (w == last + 1) {
-        params.insert(target.fields[last], words[last].toString());
+        params.insert(target.fields[last], shared(target, last, words[last]));
     } else {
-        int size = w - last - 1;
+        int restSize = w - last - 1;
         for (int i = last; i < w; ++i)
-            size += words[i].size();
+            restSize += words[i].size();
         QString rest;
-        rest.reserve(size);
+        rest.reserve(restSize);
         for (int i = last; i < w; ++i) {
             if (i > last)
                 rest.append(QLatin1Char(' '));
             rest.append(words[i]);
         }
-        params.insert(target.fields[last], rest);
+        params.insert(target.fields[last], shared(target, last, rest));
     }
 }
-
-// Hashes an attribute name by its bytes. A type of this file, so that the
-// table's code stays private to the library.
-struct NameHash {
-    size_t operator()(std::string_view name) const { return std::hash<std::string_view>()(name); }
-};
 
 struct MappedAttribute {
     QByteArray name;     // UTF-8, as the server spells it
@@ -181,6 +320,7 @@ class AttributeTargets {
 public:
     explicit AttributeTargets(const QHash<QString, QString> &mapping)
         : m_mapping(mapping)
+        , m_unmapped(makeTarget(QString(), true))
     {
         // Reserved up front: the index points into the stored names.
         m_attributes.reserve(size_t(mapping.size()));
@@ -191,18 +331,18 @@ public:
             // equal a decoded attribute name.
             if (QString::fromUtf8(name) != it.key())
                 continue;
-            m_attributes.push_back(MappedAttribute{name, makeTarget(it.value())});
+            m_attributes.push_back(MappedAttribute{name, makeTarget(it.value(), true)});
             const QByteArray &stored = m_attributes.back().name;
-            m_index.emplace(std::string_view(stored.constData(), size_t(stored.size())), m_attributes.size() - 1);
+            m_index.emplace(bytesKey(stored.constData(), size_t(stored.size())), m_attributes.size() - 1);
         }
     }
 
-    const FieldTarget &find(const char *attribute)
+    FieldTarget &find(const char *attribute)
     {
         if (m_mapping.isEmpty())
             return m_unmapped;
         const size_t len = std::strlen(attribute);
-        const auto it = m_index.find(std::string_view(attribute, len));
+        const auto it = m_index.find(bytesKey(attribute, len));
         if (it != m_index.end())
             return m_attributes[it->second].target;
         // Only a name that is not plain ASCII can decode to a mapped name with
@@ -219,7 +359,7 @@ public:
 private:
     const QHash<QString, QString> &m_mapping;
     std::vector<MappedAttribute> m_attributes;
-    std::unordered_map<std::string_view, size_t, NameHash> m_index;
+    std::unordered_map<BytesKey, size_t, BytesHash> m_index;
     FieldTarget m_unmapped;
     FieldTarget m_scratch;
 };
@@ -644,7 +784,13 @@ bool ZMLDAPPrivate::getUserList(QList<zelmora::ObjectInfo> &list, const QHash<QS
             const int n = ldap_count_values_len(values.get());
             if (n == 0)
                 continue;
-            storeValues(record.params, targets.find(name), joinedValues(values.get(), n));
+            FieldTarget &target = targets.find(name);
+            if (n == 1 && target.fields.size() < 2 && !target.pools.empty()) {
+                const berval *value = values.get()[0];
+                record.params.insert(target.key, target.pools[0].shareBytes(value->bv_val, textLength(value)));
+            } else {
+                storeValues(record.params, target, joinedValues(values.get(), n));
+            }
         }
         list.append(record);
         ber.reset();
@@ -904,7 +1050,8 @@ zelmora::ObjectInfo ZMLDAPObjectIteratorPrivate::unpackEntry()
         // With no mapping every attribute keeps its own name; with one,
         // attributes it does not name go under the empty key.
         const QString key = mapping.isEmpty() ? attributeName : mapping.value(attributeName);
-        storeValues(record.params, makeTarget(key), texts.join(QLatin1Char(';')));
+        FieldTarget target = makeTarget(key);
+        storeValues(record.params, target, texts.join(QLatin1Char(';')));
     }
 
     // Read now, so a type set between first() and next() applies.

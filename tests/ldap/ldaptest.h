@@ -140,6 +140,8 @@ struct ServerDisconnectScope {
 #if defined(__SANITIZE_ADDRESS__)
     ServerDisconnectScope() { __lsan_disable(); }
     ~ServerDisconnectScope() { __lsan_enable(); }
+#else
+    ServerDisconnectScope() {}
 #endif
     ServerDisconnectScope(const ServerDisconnectScope &) = delete;
     ServerDisconnectScope &operator=(const ServerDisconnectScope &) = delete;
