@@ -403,7 +403,8 @@ private slots:
             QCOMPARE(r.file, kSourceFile);
     }
 
-    // The contract leaves the first handle open; the test releases it itself.
+    // connect() does not release a session it replaces; the test releases
+    // the first handle itself.
     void secondConnect()
     {
         LDAP *first = nullptr;
