@@ -546,7 +546,9 @@ int ZMLDAPPrivate::connect()
     if (rc != LDAP_OPT_SUCCESS) {
         qDebug() << "ldap_set_option set LDAP_OPT_REFERRALS error" << Qt::hex << rc << ldap_err2string(rc);
         qCCritical(ldapc) << "ldap_connect error" << Qt::hex << rc << ldap_err2string(rc);
-        unbind();
+        // Released right here, so its "Unbind" record names connect().
+        qCDebug(ldapc) << "Unbind";
+        ldap_unbind_ext(ld, nullptr, nullptr);
         ld = nullptr;
         return rc;
     }
