@@ -122,15 +122,19 @@ void resetThreadCache()
     gss_krb5_ccache_name(&minor, nullptr, nullptr);
 }
 
-std::set<std::string> tktFiles()
+// Every cache the library created in this process, whatever the test.
+std::vector<std::string> &createdCachesEver()
 {
-    std::set<std::string> out;
-    if (DIR *dir = opendir("/tmp")) {
-        while (dirent *entry = readdir(dir))
-            if (strncmp(entry->d_name, "tkt", 3) == 0)
-                out.insert(std::string("/tmp/") + entry->d_name);
-        closedir(dir);
-    }
+    static std::vector<std::string> names;
+    return names;
+}
+
+std::vector<std::string> leftoverCaches()
+{
+    std::vector<std::string> out;
+    for (const std::string &name : createdCachesEver())
+        if (fileExists(name))
+            out.push_back(name);
     return out;
 }
 
@@ -240,8 +244,10 @@ krb5_error_code KRB5_CALLCONV krb5_cc_new_unique(krb5_context context, const cha
     if (ours && faults().newUnique)
         return faults().newUnique;
     const krb5_error_code code = next(context, type, hint, id);
-    if (ours && code == 0)
+    if (ours && code == 0) {
         seen().createdCaches.push_back(getName(context, *id));
+        krbtest::createdCachesEver().push_back(seen().createdCaches.back());
+    }
     return code;
 }
 

@@ -63,8 +63,11 @@ int heldCredentials();
 // password login leaves it on the Client's private cache.
 void resetThreadCache();
 
-// /tmp/tkt* files of this machine.
-std::set<std::string> tktFiles();
+// Credential cache files that the library created in this process and that
+// still exist: a finished test leaves none behind. Only the caches seen here
+// count, since other test programs of the same run create their own /tmp/tkt*
+// files at the same time.
+std::vector<std::string> leftoverCaches();
 bool fileExists(const std::string &path);
 
 // kinit (the MIT program) of user@realm into the cache the environment's

@@ -67,6 +67,15 @@ is_ours() {
     [[ $cmd == *"$dir/"* ]]
 }
 
+# True while PID exists and is not a zombie. An exiting process loses its
+# command line before it ends, so waiting for an end checks this, not is_ours.
+running() {
+    local state
+    [ -r "/proc/$1/stat" ] || return 1
+    state=$(sed -e 's/^.*) //' "/proc/$1/stat" 2>/dev/null | cut -d' ' -f1) || return 1
+    [ -n "$state" ] && [ "$state" != Z ] && [ "$state" != X ]
+}
+
 # The PIDs recorded in DIR/realm.pids (one "name pid" line per server).
 recorded_pids() {
     local dir=$1
@@ -88,7 +97,7 @@ stop_realm() {
     for ((i = 0; i < 200; i++)); do
         local left=()
         for pid in "${live[@]}"; do
-            is_ours "$pid" "$dir" && left+=("$pid")
+            running "$pid" && left+=("$pid")
         done
         [ ${#left[@]} -gt 0 ] || return 0
         sleep 0.05
@@ -102,7 +111,7 @@ stop_realm() {
     for ((i = 0; i < 100; i++)); do
         local left=()
         for pid in "${live[@]}"; do
-            is_ours "$pid" "$dir" && left+=("$pid")
+            running "$pid" && left+=("$pid")
         done
         [ ${#left[@]} -gt 0 ] || return 0
         sleep 0.05
