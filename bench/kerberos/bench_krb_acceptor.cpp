@@ -7,9 +7,9 @@
 #include <zmkerberos.h>
 
 #include <QCoreApplication>
-#include <QFile>
-#include <QHash>
 #include <QLoggingCategory>
+
+#include "realmenv.h"
 
 #include <gssapi/gssapi_krb5.h>
 
@@ -21,25 +21,6 @@
 #include <vector>
 
 namespace {
-
-QHash<QString, QString> readEnv(const QString &dir)
-{
-    QHash<QString, QString> values;
-    QFile file(dir + QStringLiteral("/realm.env"));
-    if (!file.open(QIODevice::ReadOnly))
-        return values;
-    while (!file.atEnd()) {
-        const QString line = QString::fromUtf8(file.readLine()).trimmed();
-        const int eq = line.indexOf(QLatin1Char('='));
-        if (line.startsWith(QLatin1Char('#')) || eq <= 0)
-            continue;
-        QString value = line.mid(eq + 1);
-        if (value.size() >= 2 && value.startsWith(QLatin1Char('\'')) && value.endsWith(QLatin1Char('\'')))
-            value = value.mid(1, value.size() - 2);
-        values.insert(line.left(eq), value);
-    }
-    return values;
-}
 
 [[noreturn]] void die(const char *what)
 {
@@ -134,8 +115,8 @@ int main(int argc, char **argv)
     QCoreApplication app(argc, argv);
     if (argc < 2)
         die("usage: bench_krb_acceptor REALM_DIR [tokens] [rounds]");
-    const QHash<QString, QString> env = readEnv(QString::fromLocal8Bit(argv[1]));
-    if (env.isEmpty())
+    const RealmEnv env = RealmEnv::fromDir(QString::fromLocal8Bit(argv[1]));
+    if (!env.isValid())
         die("cannot read realm.env");
     const int count = argc > 2 ? std::atoi(argv[2]) : 2000;
     const int rounds = argc > 3 ? std::atoi(argv[3]) : 5;

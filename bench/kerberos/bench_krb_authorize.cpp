@@ -5,34 +5,14 @@
 #include <zmkerberos.h>
 
 #include <QCoreApplication>
-#include <QFile>
-#include <QHash>
 #include <QLoggingCategory>
+
+#include "realmenv.h"
 
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 
-namespace {
-QHash<QString, QString> readEnv(const QString &dir)
-{
-    QHash<QString, QString> values;
-    QFile file(dir + QStringLiteral("/realm.env"));
-    if (!file.open(QIODevice::ReadOnly))
-        return values;
-    while (!file.atEnd()) {
-        const QString line = QString::fromUtf8(file.readLine()).trimmed();
-        const int eq = line.indexOf(QLatin1Char('='));
-        if (line.startsWith(QLatin1Char('#')) || eq <= 0)
-            continue;
-        QString value = line.mid(eq + 1);
-        if (value.size() >= 2 && value.startsWith(QLatin1Char('\'')) && value.endsWith(QLatin1Char('\'')))
-            value = value.mid(1, value.size() - 2);
-        values.insert(line.left(eq), value);
-    }
-    return values;
-}
-} // namespace
 
 int main(int argc, char **argv)
 {
@@ -41,8 +21,8 @@ int main(int argc, char **argv)
         std::fprintf(stderr, "usage: bench_krb_authorize REALM_DIR [logins]\n");
         return 1;
     }
-    const QHash<QString, QString> env = readEnv(QString::fromLocal8Bit(argv[1]));
-    if (env.isEmpty()) {
+    const RealmEnv env = RealmEnv::fromDir(QString::fromLocal8Bit(argv[1]));
+    if (!env.isValid()) {
         std::fprintf(stderr, "bench_krb_authorize: cannot read realm.env\n");
         return 1;
     }

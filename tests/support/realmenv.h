@@ -10,6 +10,8 @@ class RealmEnv {
 public:
     // Empty when ZMAUTH_REALM_DIR is unset or the file cannot be read.
     static const RealmEnv &get();
+    // The realm in dir (for programs that are given it, like the benchmarks).
+    static RealmEnv fromDir(const QString &dir);
 
     bool isValid() const { return !m_values.isEmpty(); }
     QString value(const QString &key) const { return m_values.value(key); }
