@@ -5,6 +5,7 @@
 
 #include <QFile>
 #include <QProcess>
+#include <QtGlobal>
 
 #include <gssapi/gssapi_krb5.h>
 
@@ -136,6 +137,33 @@ std::vector<std::string> leftoverCaches()
         if (fileExists(name))
             out.push_back(name);
     return out;
+}
+
+void startRealmTest()
+{
+    resetAll();
+    resetThreadCache();
+    clearRegisteredKeytab();
+    qunsetenv("KRB5_KTNAME");
+}
+
+void endRealmTest()
+{
+    kdestroy();
+    resetThreadCache();
+    clearRegisteredKeytab();
+    qunsetenv("KRB5_KTNAME");
+}
+
+std::string finishProgram()
+{
+    std::string problems;
+    if (seen().gssDeleteSecContext != 0)
+        problems += "the library deleted a security context; ";
+    releaseHeldHandles();
+    for (const std::string &file : leftoverCaches())
+        problems += "left behind: " + file + "; ";
+    return problems;
 }
 
 bool fileExists(const std::string &path)

@@ -68,6 +68,18 @@ void resetThreadCache();
 // count, since other test programs of the same run create their own /tmp/tkt*
 // files at the same time.
 std::vector<std::string> leftoverCaches();
+
+// Every realm test starts and ends the same way: nothing recorded, GSSAPI on
+// this thread back on the default cache, no keytab registered or named in
+// KRB5_KTNAME; at the end, no ticket left in the test's own cache.
+void startRealmTest();
+void endRealmTest();
+
+// The end of a test program: the library deleted no security context and left
+// no cache file behind. Gives back the handles the library keeps on purpose,
+// so that the leak check sees only real leaks. Empty when all is well,
+// otherwise what went wrong.
+std::string finishProgram();
 bool fileExists(const std::string &path);
 
 // kinit (the MIT program) of user@realm into the cache the environment's

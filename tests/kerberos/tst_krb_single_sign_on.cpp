@@ -70,25 +70,12 @@ private slots:
     {
         QVERIFY2(env.isValid(), "the realm (ZMAUTH_REALM_DIR) is needed");
     }
-    void init()
-    {
-        krbtest::resetAll();
-        krbtest::resetThreadCache();
-        krbtest::clearRegisteredKeytab();
-        qunsetenv("KRB5_KTNAME");
-    }
-    void cleanup()
-    {
-        krbtest::kdestroy();
-        krbtest::resetThreadCache();
-        krbtest::clearRegisteredKeytab();
-    }
+    void init() { krbtest::startRealmTest(); }
+    void cleanup() { krbtest::endRealmTest(); }
     void cleanupTestCase()
     {
-        QCOMPARE(krbtest::seen().gssDeleteSecContext, 0);
-        krbtest::releaseHeldHandles();
-        for (const std::string &file : krbtest::leftoverCaches())
-            QFAIL(("left behind: " + file).c_str());
+        const std::string problems = krbtest::finishProgram();
+        QVERIFY2(problems.empty(), problems.c_str());
     }
 
     void passwordLoginEndToEnd() { passwordLogin(env.str("USER_NAME"), env.str("USER_PASSWORD")); }
