@@ -43,8 +43,13 @@ struct DirectoryOptions {
 
 // Builds the directory object and connects. On failure prints the library's
 // own critical record and returns the exit code; otherwise -1.
-int connectDirectory(ZMLDAP &directory, const QString &command)
+// Starts the library's log sink (debug records only when verbose, after the
+// warning that they hold the bind password) and connects as the settings say.
+int connectDirectory(ZMLDAP &directory, const QString &command, bool verbose)
 {
+    if (verbose)
+        warnVerbose(VerboseRecords::Directory);
+    LogSink::install(verbose);
     LogSink::clear();
     const int rc = directory.connect();
     if (rc == 0)
@@ -236,13 +241,8 @@ int runUsers(const QStringList &args)
         printWarning(command, QStringLiteral("no attribute mapping: each record keeps only its last attribute, "
                                              "under an empty field code"));
 
-    const bool verbose = parser.isSet(common.verbose);
-    if (verbose)
-        warnVerbose(VerboseRecords::Directory);
-    LogSink::install(verbose);
-
     ZMLDAP directory(settings);
-    const int connected = connectDirectory(directory, command);
+    const int connected = connectDirectory(directory, command, parser.isSet(common.verbose));
     if (connected >= 0)
         return connected;
 
@@ -301,13 +301,8 @@ int runCheck(const QStringList &args)
         printWarning(command, QStringLiteral("the name holds search filter characters; they are used as they "
                                              "are ('*' matches any account)"));
 
-    const bool verbose = parser.isSet(common.verbose);
-    if (verbose)
-        warnVerbose(VerboseRecords::Directory);
-    LogSink::install(verbose);
-
     ZMLDAP directory(settings);
-    const int connected = connectDirectory(directory, command);
+    const int connected = connectDirectory(directory, command, parser.isSet(common.verbose));
     if (connected >= 0)
         return connected;
 
