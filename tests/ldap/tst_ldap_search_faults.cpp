@@ -215,12 +215,27 @@ private slots:
         QVERIFY(ldap.checkADUser(QStringLiteral("alice")));
     }
 
-    void allocationFailsCheckUser_data()
+private:
+    // Which of the two buffers (search base, filter) fails to be made.
+    static void addBufferRows()
     {
         QTest::addColumn<bool>("filter");
         QTest::newRow("base") << false;
         QTest::newRow("filter") << true;
     }
+
+    // A base and a filter whose buffer lengths no other array of the call has.
+    zelmora::ObjectInfo searchSettings()
+    {
+        zelmora::ObjectInfo s = settings();
+        s.params.insert(QStringLiteral("PT_BASE_DN"), QStringLiteral("ou=users,") + realmValue("BASE_DN"));
+        s.params.insert(QStringLiteral("PT_USER_FILTER"),
+                        QStringLiteral("(&(objectClass=user)(sAMAccountName=*)(sn=*)(mail=*))"));
+        return s;
+    }
+
+private slots:
+    void allocationFailsCheckUser_data() { addBufferRows(); }
 
     void allocationFailsCheckUser()
     {
@@ -246,21 +261,14 @@ private slots:
         QVERIFY(ldap.checkADUser(QStringLiteral("alice")));
     }
 
-    void allocationFailsIterator_data()
-    {
-        QTest::addColumn<bool>("filter");
-        QTest::newRow("base") << false;
-        QTest::newRow("filter") << true;
-    }
+    void allocationFailsIterator_data() { addBufferRows(); }
 
     void allocationFailsIterator()
     {
         QFETCH(bool, filter);
-        zelmora::ObjectInfo s = settings();
-        const QString base = QStringLiteral("ou=users,") + realmValue("BASE_DN");
-        const QString userFilter = QStringLiteral("(&(objectClass=user)(sAMAccountName=*)(sn=*)(mail=*))");
-        s.params.insert(QStringLiteral("PT_BASE_DN"), base);
-        s.params.insert(QStringLiteral("PT_USER_FILTER"), userFilter);
+        const zelmora::ObjectInfo s = searchSettings();
+        const QString base = s.params.value(QStringLiteral("PT_BASE_DN"));
+        const QString userFilter = s.params.value(QStringLiteral("PT_USER_FILTER"));
         ZMLDAP ldap(s);
         QCOMPARE(ldap.connect(), 0);
         failNextArrayOf(filter ? userFilter : base);
@@ -276,21 +284,14 @@ private slots:
         QVERIFY(log.records().isEmpty());
     }
 
-    void allocationFailsUserList_data()
-    {
-        QTest::addColumn<bool>("filter");
-        QTest::newRow("base") << false;
-        QTest::newRow("filter") << true;
-    }
+    void allocationFailsUserList_data() { addBufferRows(); }
 
     void allocationFailsUserList()
     {
         QFETCH(bool, filter);
-        zelmora::ObjectInfo s = settings();
-        const QString base = QStringLiteral("ou=users,") + realmValue("BASE_DN");
-        const QString userFilter = QStringLiteral("(&(objectClass=user)(sAMAccountName=*)(sn=*)(mail=*))");
-        s.params.insert(QStringLiteral("PT_BASE_DN"), base);
-        s.params.insert(QStringLiteral("PT_USER_FILTER"), userFilter);
+        const zelmora::ObjectInfo s = searchSettings();
+        const QString base = s.params.value(QStringLiteral("PT_BASE_DN"));
+        const QString userFilter = s.params.value(QStringLiteral("PT_USER_FILTER"));
         ZMLDAP ldap(s);
         QCOMPARE(ldap.connect(), 0);
         failNextArrayOf(filter ? userFilter : base);
