@@ -16,7 +16,7 @@ packages=(
     qtbase5-dev libldap-dev libsasl2-dev libkrb5-dev
     slapd ldap-utils krb5-kdc krb5-admin-server krb5-user
     sasl2-bin libsasl2-modules libsasl2-modules-gssapi-mit
-    python3
+    hostname time
 )
 
 # Installs what is missing, without letting the packages start their system
