@@ -265,6 +265,37 @@ private slots:
         QVERIFY2(!run.err.isEmpty(), describe(run));
     }
 
+    // Commands that take no arguments say which one they did not expect;
+    // hash says where the password comes from instead.
+    void unexpectedArgumentIsAUsageError_data()
+    {
+        QTest::addColumn<QStringList>("args");
+        QTest::addColumn<QString>("err");
+        QTest::newRow("version") << QStringList{QStringLiteral("version"), QStringLiteral("extra")}
+                                 << QStringLiteral("zmauth version: unexpected argument 'extra'\n"
+                                                   "Try 'zmauth version --help'.\n");
+        QTest::newRow("ldap users") << QStringList{QStringLiteral("ldap"), QStringLiteral("users"), QStringLiteral("extra"),
+                                                   QStringLiteral("--settings"), QStringLiteral("x.json")}
+                                    << QStringLiteral("zmauth ldap users: unexpected argument 'extra'\n"
+                                                      "Try 'zmauth ldap users --help'.\n");
+        QTest::newRow("sso") << QStringList{QStringLiteral("sso"), QStringLiteral("extra")}
+                             << QStringLiteral("zmauth sso: unexpected argument 'extra'\n"
+                                               "Try 'zmauth sso --help'.\n");
+        QTest::newRow("hash") << QStringList{QStringLiteral("hash"), QStringLiteral("secret")}
+                              << QStringLiteral("zmauth hash: the password is read from standard input, not from the "
+                                                "command line\n");
+    }
+
+    void unexpectedArgumentIsAUsageError()
+    {
+        QFETCH(QStringList, args);
+        QFETCH(QString, err);
+        const Run run = runTool(args);
+        QVERIFY2(run.exitCode == 2, describe(run));
+        QVERIFY2(run.out.isEmpty(), describe(run));
+        QCOMPARE(run.errText(), err);
+    }
+
     void version()
     {
         const Run run = runTool({QStringLiteral("version")});

@@ -54,10 +54,6 @@ int runVersion(const QStringList &args)
     const int parsed = parseCommandLine(parser, command, args);
     if (parsed >= 0)
         return parsed;
-    if (!parser.positionalArguments().isEmpty()) {
-        printError(command, QStringLiteral("takes no arguments"));
-        return ExitUsage;
-    }
     std::printf("%s\n", getLibraryVersion_zmauth().toLocal8Bit().constData());
     return ExitOk;
 }
@@ -78,7 +74,7 @@ int runHash(const QStringList &args)
                                        QStringLiteral("Digest algorithm (see above). Default: sha3-256."),
                                        QStringLiteral("NAME"), QStringLiteral("sha3-256"));
     parser.addOption(algorithm);
-    const int parsed = parseCommandLine(parser, command, args);
+    const int parsed = parseCommandLine(parser, command, args, Positional::Allowed);
     if (parsed >= 0)
         return parsed;
     if (!parser.positionalArguments().isEmpty()) {

@@ -26,7 +26,8 @@ void printWarning(const QString &command, const QString &message)
     std::fprintf(stderr, "zmauth %s: warning: %s\n", qPrintable(command), message.toLocal8Bit().constData());
 }
 
-int parseCommandLine(QCommandLineParser &parser, const QString &command, const QStringList &args)
+int parseCommandLine(QCommandLineParser &parser, const QString &command, const QStringList &args,
+                     Positional positional)
 {
     const QCommandLineOption help(QStringList{QStringLiteral("h"), QStringLiteral("help")},
                                   QStringLiteral("Show this help."));
@@ -48,6 +49,11 @@ int parseCommandLine(QCommandLineParser &parser, const QString &command, const Q
             text.insert(lineEnd, QLatin1Char('\n'));
         std::fprintf(stdout, "%s\n%s\n", text.toLocal8Bit().constData(), qPrintable(exitStatusHelp()));
         return ExitOk;
+    }
+    if (positional == Positional::Rejected && !parser.positionalArguments().isEmpty()) {
+        printError(command, QStringLiteral("unexpected argument '%1'").arg(parser.positionalArguments().constFirst()));
+        std::fprintf(stderr, "Try 'zmauth %s --help'.\n", qPrintable(command));
+        return ExitUsage;
     }
     return -1;
 }

@@ -17,10 +17,14 @@ enum ExitCode {
 
 QString exitStatusHelp();
 
+// Whether a command takes positional arguments (and checks them itself).
+enum class Positional { Rejected, Allowed };
+
 // Parses a command's arguments (args[0] is the program path). Returns -1 when
 // the command should run; otherwise the exit code to end with, after printing
 // the help (--help) or the error.
-int parseCommandLine(QCommandLineParser &parser, const QString &command, const QStringList &args);
+int parseCommandLine(QCommandLineParser &parser, const QString &command, const QStringList &args,
+                     Positional positional = Positional::Rejected);
 
 // "zmauth <command>: <message>" on standard error, one line.
 void printError(const QString &command, const QString &message);

@@ -199,10 +199,6 @@ int runUsers(const QStringList &args)
     const int parsed = parseCommandLine(parser, command, args);
     if (parsed >= 0)
         return parsed;
-    if (!parser.positionalArguments().isEmpty()) {
-        printError(command, QStringLiteral("unexpected argument '%1'").arg(parser.positionalArguments().constFirst()));
-        return ExitUsage;
-    }
     if (!requireOption(parser, command, QStringLiteral("settings")))
         return ExitUsage;
     const QString formatName = parser.value(format);
@@ -278,7 +274,7 @@ int runCheck(const QStringList &args)
     DirectoryOptions common;
     common.addTo(parser);
     parser.addPositionalArgument(QStringLiteral("NAME"), QStringLiteral("The account name to look for."));
-    const int parsed = parseCommandLine(parser, command, args);
+    const int parsed = parseCommandLine(parser, command, args, Positional::Allowed);
     if (parsed >= 0)
         return parsed;
     const QStringList names = parser.positionalArguments();

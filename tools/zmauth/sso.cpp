@@ -94,10 +94,6 @@ int runSso(const QStringList &args)
     const int parsed = parseCommandLine(parser, command, args);
     if (parsed >= 0)
         return parsed;
-    if (!parser.positionalArguments().isEmpty()) {
-        printError(command, QStringLiteral("unexpected argument '%1'").arg(parser.positionalArguments().constFirst()));
-        return ExitUsage;
-    }
     for (const char *name : {"user", "realm", "target", "keytab"}) {
         if (!requireOption(parser, command, QString::fromLatin1(name)))
             return ExitUsage;
