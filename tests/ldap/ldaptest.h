@@ -130,6 +130,19 @@ inline zelmora::ObjectInfo realmSettings(const QString &method, const QString &u
     return s;
 }
 
+// Settings of an anonymous session (method 0) that searches under base with
+// filter. A null base keeps the realm's base DN and a null filter leaves the
+// key unset (the library's default filter); empty texts are set as they are.
+inline zelmora::ObjectInfo searchSettings(const QString &base = QString(), const QString &filter = QString())
+{
+    zelmora::ObjectInfo s = realmSettings(QStringLiteral("0"));
+    if (!base.isNull())
+        s.params.insert(QStringLiteral("PT_BASE_DN"), base);
+    if (!filter.isNull())
+        s.params.insert(QStringLiteral("PT_USER_FILTER"), filter);
+    return s;
+}
+
 // OpenLDAP 2.5's libldap loses the message it was reading (80 + 57 bytes) and
 // an error text (21 bytes) when the server answers a request with a notice of
 // disconnection, as slapd does for an empty search filter; a program written

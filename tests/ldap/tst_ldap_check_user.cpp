@@ -11,11 +11,6 @@ class TestCheckUser : public QObject {
     Q_OBJECT
 
 private:
-    static zelmora::ObjectInfo settings()
-    {
-        return realmSettings(QStringLiteral("0"));
-    }
-
     // Every "attribute" "value" record the walk must write for the entries a
     // filter finds.
     static QStringList valueLines(const QByteArray &filter, const QByteArray &base = realmBytes("BASE_DN"))
@@ -50,7 +45,7 @@ private slots:
     void notConnected()
     {
         LogCapture log;
-        ZMLDAP ldap(settings());
+        ZMLDAP ldap(searchSettings());
         QVERIFY(!ldap.checkADUser(QStringLiteral("alice")));
         QVERIFY(ldapspy::searches().isEmpty());
         QVERIFY(log.records().isEmpty());
@@ -59,7 +54,7 @@ private slots:
     // Default login attribute; the search as the server gets it; the log.
     void found()
     {
-        ZMLDAP ldap(settings());
+        ZMLDAP ldap(searchSettings());
         QCOMPARE(ldap.connect(), 0);
         LogCapture log;
         QVERIFY(ldap.checkADUser(QStringLiteral("alice")));
@@ -95,7 +90,7 @@ private slots:
 
     void cyrillicValuesAndZeroByte()
     {
-        ZMLDAP ldap(settings());
+        ZMLDAP ldap(searchSettings());
         QCOMPARE(ldap.connect(), 0);
         LogCapture log;
         QVERIFY(ldap.checkADUser(QStringLiteral("ivan")));
@@ -112,7 +107,7 @@ private slots:
 
     void notFound()
     {
-        ZMLDAP ldap(settings());
+        ZMLDAP ldap(searchSettings());
         QCOMPARE(ldap.connect(), 0);
         LogCapture log;
         QVERIFY(!ldap.checkADUser(QStringLiteral("nobody")));
@@ -123,7 +118,7 @@ private slots:
 
     void twoEntriesSameLogin()
     {
-        ZMLDAP ldap(settings());
+        ZMLDAP ldap(searchSettings());
         QCOMPARE(ldap.connect(), 0);
         LogCapture log;
         QVERIFY(ldap.checkADUser(QStringLiteral("twin")));
@@ -134,7 +129,7 @@ private slots:
     // The name goes in unescaped: "*" matches every entry with the attribute.
     void wildcard()
     {
-        ZMLDAP ldap(settings());
+        ZMLDAP ldap(searchSettings());
         QCOMPARE(ldap.connect(), 0);
         LogCapture log;
         QVERIFY(ldap.checkADUser(QStringLiteral("*")));
@@ -159,7 +154,7 @@ private slots:
     {
         QFETCH(QString, user);
         QFETCH(QByteArray, filter);
-        ZMLDAP ldap(settings());
+        ZMLDAP ldap(searchSettings());
         QCOMPARE(ldap.connect(), 0);
         LogCapture log;
         const bool found = ldap.checkADUser(user);
@@ -193,7 +188,7 @@ private slots:
         QFETCH(QString, user);
         QFETCH(QByteArray, filter);
         QFETCH(bool, found);
-        zelmora::ObjectInfo s = settings();
+        zelmora::ObjectInfo s = searchSettings();
         s.params.insert(QStringLiteral("PT_USER_ID_PARAMETER"), attribute);
         ZMLDAP ldap(s);
         QCOMPARE(ldap.connect(), 0);
@@ -206,7 +201,7 @@ private slots:
     // Present but empty: "(=name)", refused, logged critical.
     void emptyLoginAttribute()
     {
-        zelmora::ObjectInfo s = settings();
+        zelmora::ObjectInfo s = searchSettings();
         s.params.insert(QStringLiteral("PT_USER_ID_PARAMETER"), QString::fromLatin1(""));
         ZMLDAP ldap(s);
         QCOMPARE(ldap.connect(), 0);
@@ -227,7 +222,7 @@ private slots:
 
     void absentBase()
     {
-        zelmora::ObjectInfo s = settings();
+        zelmora::ObjectInfo s = searchSettings();
         s.params.remove(QStringLiteral("PT_BASE_DN"));
         ZMLDAP ldap(s);
         QCOMPARE(ldap.connect(), 0);
@@ -245,9 +240,7 @@ private slots:
     // Referral with no entries: no critical record, count 0, false.
     void referralBase()
     {
-        zelmora::ObjectInfo s = settings();
-        s.params.insert(QStringLiteral("PT_BASE_DN"), realmValue("REFERRAL_DN"));
-        ZMLDAP ldap(s);
+        ZMLDAP ldap(searchSettings(realmValue("REFERRAL_DN")));
         QCOMPARE(ldap.connect(), 0);
         LogCapture log;
         QVERIFY(!ldap.checkADUser(QStringLiteral("alice")));
@@ -259,9 +252,7 @@ private slots:
 
     void baseOutsideNamingContext()
     {
-        zelmora::ObjectInfo s = settings();
-        s.params.insert(QStringLiteral("PT_BASE_DN"), QStringLiteral("dc=other,dc=test"));
-        ZMLDAP ldap(s);
+        ZMLDAP ldap(searchSettings(QStringLiteral("dc=other,dc=test")));
         QCOMPARE(ldap.connect(), 0);
         LogCapture log;
         QVERIFY(!ldap.checkADUser(QStringLiteral("alice")));
@@ -272,7 +263,7 @@ private slots:
     // Base and filter buffers hold as many bytes as the text has UTF-16 units.
     void nonAsciiTruncated()
     {
-        zelmora::ObjectInfo s = settings();
+        zelmora::ObjectInfo s = searchSettings();
         const QString base = QStringLiteral("ou=пользователи,") + realmValue("BASE_DN");
         s.params.insert(QStringLiteral("PT_BASE_DN"), base);
         s.params.insert(QStringLiteral("PT_USER_ID_PARAMETER"), QStringLiteral("cn"));
@@ -291,7 +282,7 @@ private slots:
     // The debug records follow the category; the result does not.
     void debugOff()
     {
-        ZMLDAP ldap(settings());
+        ZMLDAP ldap(searchSettings());
         QCOMPARE(ldap.connect(), 0);
         QLoggingCategory::setFilterRules(QStringLiteral("platform.lib.zmauth.ldap.debug=false"));
         LogCapture log;

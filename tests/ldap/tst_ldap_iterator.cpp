@@ -48,8 +48,6 @@ class TestIterator : public QObject {
     Q_OBJECT
 
 private:
-    static zelmora::ObjectInfo settings() { return realmSettings(QStringLiteral("0")); }
-
     static QList<DirEntry> expectedEntries(const QByteArray &base, int scope, const QByteArray &filter,
                                            const QHash<QString, QString> &mapping = {})
     {
@@ -69,7 +67,7 @@ private slots:
 
     void notConnected()
     {
-        ZMLDAP ldap(settings());
+        ZMLDAP ldap(searchSettings());
         LogCapture log;
         ZMLDAPObjectIterator it(&ldap, kNames);
         QCOMPARE(it.size(), 0);
@@ -84,7 +82,7 @@ private slots:
     // made; every log record of a full walk, and the end.
     void emptyMappingFullWalk()
     {
-        ZMLDAP ldap(settings());
+        ZMLDAP ldap(searchSettings());
         QCOMPARE(ldap.connect(), 0);
         const QList<DirEntry> entries = expectedEntries(realmBytes("BASE_DN"), LDAP_SCOPE_SUBTREE, kDefaultFilter.toUtf8());
         QCOMPARE(entries.size(), realmValue("FIXED_USER_COUNT").toInt());
@@ -139,7 +137,7 @@ private slots:
     // The fixed users, field by field.
     void mappedFields()
     {
-        ZMLDAP ldap(settings());
+        ZMLDAP ldap(searchSettings());
         QCOMPARE(ldap.connect(), 0);
         ZMLDAPObjectIterator it(&ldap, kNames);
         const SearchCall s = ldapspy::searches().value(0);
@@ -219,7 +217,7 @@ private slots:
         QHash<QString, QString> mapping;
         for (int i = 0; i + 1 < pairs.size(); i += 2)
             mapping.insert(pairs[i], pairs[i + 1]);
-        ZMLDAP ldap(settings());
+        ZMLDAP ldap(searchSettings());
         QCOMPARE(ldap.connect(), 0);
         ZMLDAPObjectIterator it(&ldap, mapping);
         const QList<DirEntry> entries = expectedEntries(realmBytes("BASE_DN"), LDAP_SCOPE_SUBTREE, kDefaultFilter.toUtf8(), mapping);
@@ -231,7 +229,7 @@ private slots:
 
     void caseDiffersGoesUnderEmptyKey()
     {
-        ZMLDAP ldap(settings());
+        ZMLDAP ldap(searchSettings());
         QCOMPARE(ldap.connect(), 0);
         ZMLDAPObjectIterator it(&ldap, {{QStringLiteral("samaccountname"), QStringLiteral("PT_LOGIN")}});
         const zelmora::ObjectInfo r = it.first();
@@ -242,9 +240,7 @@ private slots:
 
     void zeroByteCut()
     {
-        zelmora::ObjectInfo s = settings();
-        s.params.insert(QStringLiteral("PT_USER_FILTER"), QStringLiteral("(sAMAccountName=dave)"));
-        ZMLDAP ldap(s);
+        ZMLDAP ldap(searchSettings(QString(), QStringLiteral("(sAMAccountName=dave)")));
         QCOMPARE(ldap.connect(), 0);
         ZMLDAPObjectIterator it(&ldap, {});
         QCOMPARE(it.size(), 1);
@@ -253,7 +249,7 @@ private slots:
 
     void typeReadAtUnpacking()
     {
-        ZMLDAP ldap(settings());
+        ZMLDAP ldap(searchSettings());
         QCOMPARE(ldap.connect(), 0);
         ZMLDAPObjectIterator it(&ldap, kNames);
         QVERIFY(it.size() > 2);
@@ -269,7 +265,7 @@ private slots:
 
     void firstRestartsWhileHeld()
     {
-        ZMLDAP ldap(settings());
+        ZMLDAP ldap(searchSettings());
         QCOMPARE(ldap.connect(), 0);
         ZMLDAPObjectIterator it(&ldap, kNames);
         const zelmora::ObjectInfo a = it.first();
@@ -281,7 +277,7 @@ private slots:
     // next() before first(): the error path, without a null entry reaching libldap.
     void nextBeforeFirst()
     {
-        ZMLDAP ldap(settings());
+        ZMLDAP ldap(searchSettings());
         QCOMPARE(ldap.connect(), 0);
         ZMLDAPObjectIterator it(&ldap, kNames);
         const int n = it.size();
@@ -318,10 +314,7 @@ private slots:
         QFETCH(int, scope);
         QFETCH(QString, filter);
         QFETCH(int, ldapScope);
-        zelmora::ObjectInfo s = settings();
-        s.params.insert(QStringLiteral("PT_BASE_DN"), base);
-        s.params.insert(QStringLiteral("PT_USER_FILTER"), filter);
-        ZMLDAP ldap(s);
+        ZMLDAP ldap(searchSettings(base, filter));
         QCOMPARE(ldap.connect(), 0);
         ZMLDAPObjectIterator it(&ldap, static_cast<zmldap::Scope>(scope), kNames);
         QCOMPARE(ldapspy::searches().value(0).scope, ldapScope);
@@ -336,7 +329,7 @@ private slots:
     // The two-argument constructor searches the subtree.
     void defaultScopeIsSubtree()
     {
-        ZMLDAP ldap(settings());
+        ZMLDAP ldap(searchSettings());
         QCOMPARE(ldap.connect(), 0);
         ZMLDAPObjectIterator it(&ldap, {});
         QCOMPARE(ldapspy::searches().value(0).scope, LDAP_SCOPE_SUBTREE);
@@ -344,9 +337,7 @@ private slots:
 
     void noMatch()
     {
-        zelmora::ObjectInfo s = settings();
-        s.params.insert(QStringLiteral("PT_USER_FILTER"), QStringLiteral("(sAMAccountName=nobody)"));
-        ZMLDAP ldap(s);
+        ZMLDAP ldap(searchSettings(QString(), QStringLiteral("(sAMAccountName=nobody)")));
         QCOMPARE(ldap.connect(), 0);
         LogCapture log;
         ZMLDAPObjectIterator it(&ldap, kNames);
@@ -362,9 +353,7 @@ private slots:
     // A referral answer is not an error: it is counted (here: no entries).
     void referralBase()
     {
-        zelmora::ObjectInfo s = settings();
-        s.params.insert(QStringLiteral("PT_BASE_DN"), realmValue("REFERRAL_DN"));
-        ZMLDAP ldap(s);
+        ZMLDAP ldap(searchSettings(realmValue("REFERRAL_DN")));
         QCOMPARE(ldap.connect(), 0);
         LogCapture log;
         ZMLDAPObjectIterator it(&ldap, kNames);
@@ -389,10 +378,7 @@ private slots:
         QFETCH(QString, base);
         QFETCH(QString, filter);
         QFETCH(QString, text);
-        zelmora::ObjectInfo s = settings();
-        s.params.insert(QStringLiteral("PT_BASE_DN"), base);
-        s.params.insert(QStringLiteral("PT_USER_FILTER"), filter);
-        ZMLDAP ldap(s);
+        ZMLDAP ldap(searchSettings(base, filter));
         QCOMPARE(ldap.connect(), 0);
         LogCapture log;
         ZMLDAPObjectIterator it(&ldap, kNames);
@@ -405,10 +391,7 @@ private slots:
     // Present-but-empty base and filter are sent as they are.
     void emptyBaseAndFilter()
     {
-        zelmora::ObjectInfo s = settings();
-        s.params.insert(QStringLiteral("PT_BASE_DN"), QString::fromLatin1(""));
-        s.params.insert(QStringLiteral("PT_USER_FILTER"), QString::fromLatin1(""));
-        ZMLDAP ldap(s);
+        ZMLDAP ldap(searchSettings(QString::fromLatin1(""), QString::fromLatin1("")));
         QCOMPARE(ldap.connect(), 0);
         LogCapture log;
         ServerDisconnectScope libldapLoses;
@@ -427,7 +410,7 @@ private slots:
     // Absent filter: the default; absent base: empty.
     void absentBaseAndFilter()
     {
-        zelmora::ObjectInfo s = settings();
+        zelmora::ObjectInfo s = searchSettings();
         s.params.remove(QStringLiteral("PT_BASE_DN"));
         ZMLDAP ldap(s);
         QCOMPARE(ldap.connect(), 0);
@@ -440,7 +423,7 @@ private slots:
     // filter and requested attribute names alike.
     void nonAsciiCut()
     {
-        zelmora::ObjectInfo s = settings();
+        zelmora::ObjectInfo s = searchSettings();
         const QString base = QStringLiteral("ou=отдел,") + realmValue("BASE_DN");
         const QString filter = QStringLiteral("(cn=Иванов Иван Иванович)");
         s.params.insert(QStringLiteral("PT_BASE_DN"), base);
@@ -459,7 +442,7 @@ private slots:
     // Attribute names of any text in the mapping: requested as cut, harmless.
     void oddMappingKeys()
     {
-        ZMLDAP ldap(settings());
+        ZMLDAP ldap(searchSettings());
         QCOMPARE(ldap.connect(), 0);
         const QHash<QString, QString> mapping{{QString::fromLatin1(""), QStringLiteral("A")},
                                               {QStringLiteral("a b"), QStringLiteral("B")},
@@ -475,7 +458,7 @@ private slots:
     // Destroying an iterator that holds a result releases it.
     void destroyWhileHeld()
     {
-        ZMLDAP ldap(settings());
+        ZMLDAP ldap(searchSettings());
         QCOMPARE(ldap.connect(), 0);
         {
             ZMLDAPObjectIterator it(&ldap, kNames);
@@ -489,7 +472,7 @@ private slots:
     // the directory object, and the iterator then ends without touching libldap.
     void directoryDisconnectedUnderneath()
     {
-        zelmora::ObjectInfo s = settings();
+        zelmora::ObjectInfo s = searchSettings();
         ZMLDAP ldap(s);
         QCOMPARE(ldap.connect(), 0);
         LDAP *first = ldapspy::initializedHandles().value(0);

@@ -46,11 +46,6 @@ const QHash<QString, QString> kNames{{QStringLiteral("cn"), QStringLiteral("PT_S
                                      {QStringLiteral("sAMAccountName"), QStringLiteral("PT_LOGIN")},
                                      {QStringLiteral("mail"), QStringLiteral("PT_EMAIL")}};
 
-zelmora::ObjectInfo settings()
-{
-    return realmSettings(QStringLiteral("0"));
-}
-
 void failNextArrayOf(const QString &text)
 {
     g_failedArrays = 0;
@@ -78,7 +73,7 @@ private slots:
     // -1 is not tested for: the iterator keeps the result and walks it.
     void countMinusOneIterator()
     {
-        ZMLDAP ldap(settings());
+        ZMLDAP ldap(searchSettings());
         QCOMPARE(ldap.connect(), 0);
         ldapspy::forceCountEntries(-1);
         LogCapture log;
@@ -96,7 +91,7 @@ private slots:
 
     void countMinusOneCheckUser()
     {
-        ZMLDAP ldap(settings());
+        ZMLDAP ldap(searchSettings());
         QCOMPARE(ldap.connect(), 0);
         ldapspy::forceCountEntries(-1);
         LogCapture log;
@@ -109,7 +104,7 @@ private slots:
     // with the records it made still in the list.
     void countMinusOneUserList()
     {
-        ZMLDAP ldap(settings());
+        ZMLDAP ldap(searchSettings());
         QCOMPARE(ldap.connect(), 0);
         ldapspy::forceCountEntries(-1);
         LogCapture log;
@@ -123,7 +118,7 @@ private slots:
 
     void countBeyondEntries()
     {
-        ZMLDAP ldap(settings());
+        ZMLDAP ldap(searchSettings());
         QCOMPARE(ldap.connect(), 0);
         ldapspy::forceCountEntries(100);
         LogCapture log;
@@ -136,7 +131,7 @@ private slots:
     // The listing stops, successfully, once it has taken the counted entries.
     void countBelowEntries()
     {
-        ZMLDAP ldap(settings());
+        ZMLDAP ldap(searchSettings());
         QCOMPARE(ldap.connect(), 0);
         ldapspy::forceCountEntries(2);
         LogCapture log;
@@ -150,7 +145,7 @@ private slots:
     // A referral code with entries counts and iterates like a success.
     void referralWithEntries()
     {
-        ZMLDAP ldap(settings());
+        ZMLDAP ldap(searchSettings());
         QCOMPARE(ldap.connect(), 0);
         ldapspy::forceSearchRc(LDAP_REFERRAL);
         const int n = realmValue("FIXED_USER_COUNT").toInt();
@@ -170,7 +165,7 @@ private slots:
     // A failing code with a result: the result is released all the same.
     void failureWithResult()
     {
-        ZMLDAP ldap(settings());
+        ZMLDAP ldap(searchSettings());
         QCOMPARE(ldap.connect(), 0);
         ldapspy::forceSearchRc(LDAP_SIZELIMIT_EXCEEDED);
         LogCapture log;
@@ -191,7 +186,7 @@ private slots:
     // No list, or a list of zero values: no key for that attribute.
     void missingValues()
     {
-        ZMLDAP ldap(settings());
+        ZMLDAP ldap(searchSettings());
         QCOMPARE(ldap.connect(), 0);
         ldapspy::noValuesFor("mail");
         ldapspy::emptyValuesFor("cn");
@@ -225,13 +220,10 @@ private:
     }
 
     // A base and a filter whose buffer lengths no other array of the call has.
-    zelmora::ObjectInfo searchSettings()
+    static zelmora::ObjectInfo bufferFaultSettings()
     {
-        zelmora::ObjectInfo s = settings();
-        s.params.insert(QStringLiteral("PT_BASE_DN"), QStringLiteral("ou=users,") + realmValue("BASE_DN"));
-        s.params.insert(QStringLiteral("PT_USER_FILTER"),
-                        QStringLiteral("(&(objectClass=user)(sAMAccountName=*)(sn=*)(mail=*))"));
-        return s;
+        return searchSettings(QStringLiteral("ou=users,") + realmValue("BASE_DN"),
+                              QStringLiteral("(&(objectClass=user)(sAMAccountName=*)(sn=*)(mail=*))"));
     }
 
 private slots:
@@ -240,11 +232,9 @@ private slots:
     void allocationFailsCheckUser()
     {
         QFETCH(bool, filter);
-        zelmora::ObjectInfo s = settings();
         // Lengths no other array of the call has.
         const QString base = QStringLiteral("ou=users,") + realmValue("BASE_DN");
-        s.params.insert(QStringLiteral("PT_BASE_DN"), base);
-        ZMLDAP ldap(s);
+        ZMLDAP ldap(searchSettings(base));
         QCOMPARE(ldap.connect(), 0);
         const QString user = QStringLiteral("a-rather-long-login-name");
         failNextArrayOf(filter ? QStringLiteral("(sAMAccountName=") + user + QLatin1Char(')') : base);
@@ -266,7 +256,7 @@ private slots:
     void allocationFailsIterator()
     {
         QFETCH(bool, filter);
-        const zelmora::ObjectInfo s = searchSettings();
+        const zelmora::ObjectInfo s = bufferFaultSettings();
         const QString base = s.params.value(QStringLiteral("PT_BASE_DN"));
         const QString userFilter = s.params.value(QStringLiteral("PT_USER_FILTER"));
         ZMLDAP ldap(s);
@@ -289,7 +279,7 @@ private slots:
     void allocationFailsUserList()
     {
         QFETCH(bool, filter);
-        const zelmora::ObjectInfo s = searchSettings();
+        const zelmora::ObjectInfo s = bufferFaultSettings();
         const QString base = s.params.value(QStringLiteral("PT_BASE_DN"));
         const QString userFilter = s.params.value(QStringLiteral("PT_USER_FILTER"));
         ZMLDAP ldap(s);

@@ -18,7 +18,7 @@ const QHash<QString, QString> kNames{{QStringLiteral("cn"), QStringLiteral("PT_S
 
 zelmora::ObjectInfo withMapping(const QString &json)
 {
-    zelmora::ObjectInfo s = realmSettings(QStringLiteral("0"));
+    zelmora::ObjectInfo s = searchSettings();
     if (!json.isNull())
         s.params.insert(QStringLiteral("PT_USER_CUSTOM_FIELDS_PARAMETER"), json);
     return s;
@@ -246,9 +246,7 @@ private slots:
 
     void noMatch()
     {
-        zelmora::ObjectInfo s = withMapping(QString());
-        s.params.insert(QStringLiteral("PT_USER_FILTER"), QStringLiteral("(sAMAccountName=nobody)"));
-        ZMLDAP ldap(s);
+        ZMLDAP ldap(searchSettings(QString(), QStringLiteral("(sAMAccountName=nobody)")));
         QCOMPARE(ldap.connect(), 0);
         LogCapture log;
         QList<zelmora::ObjectInfo> list{zelmora::ObjectInfo()};
@@ -261,9 +259,7 @@ private slots:
 
     void referralBase()
     {
-        zelmora::ObjectInfo s = withMapping(QString());
-        s.params.insert(QStringLiteral("PT_BASE_DN"), realmValue("REFERRAL_DN"));
-        ZMLDAP ldap(s);
+        ZMLDAP ldap(searchSettings(realmValue("REFERRAL_DN")));
         QCOMPARE(ldap.connect(), 0);
         LogCapture log;
         QList<zelmora::ObjectInfo> list;
@@ -288,10 +284,7 @@ private slots:
         QFETCH(QString, base);
         QFETCH(QString, filter);
         QFETCH(int, rc);
-        zelmora::ObjectInfo s = withMapping(QString());
-        s.params.insert(QStringLiteral("PT_BASE_DN"), base);
-        s.params.insert(QStringLiteral("PT_USER_FILTER"), filter);
-        ZMLDAP ldap(s);
+        ZMLDAP ldap(searchSettings(base, filter));
         QCOMPARE(ldap.connect(), 0);
         LogCapture log;
         QList<zelmora::ObjectInfo> list;
@@ -304,9 +297,7 @@ private slots:
 
     void textOfErrors()
     {
-        zelmora::ObjectInfo s = withMapping(QString());
-        s.params.insert(QStringLiteral("PT_BASE_DN"), QStringLiteral("dc=other,dc=test"));
-        ZMLDAP ldap(s);
+        ZMLDAP ldap(searchSettings(QStringLiteral("dc=other,dc=test")));
         QCOMPARE(ldap.connect(), 0);
         LogCapture log;
         QList<zelmora::ObjectInfo> list;
@@ -317,10 +308,7 @@ private slots:
 
     void emptyBaseAndFilter()
     {
-        zelmora::ObjectInfo s = withMapping(QString());
-        s.params.insert(QStringLiteral("PT_BASE_DN"), QString::fromLatin1(""));
-        s.params.insert(QStringLiteral("PT_USER_FILTER"), QString::fromLatin1(""));
-        ZMLDAP ldap(s);
+        ZMLDAP ldap(searchSettings(QString::fromLatin1(""), QString::fromLatin1("")));
         QCOMPARE(ldap.connect(), 0);
         LogCapture log;
         QList<zelmora::ObjectInfo> list;
