@@ -366,12 +366,8 @@ private:
 
 // Attribute list of a search: null for all user attributes, otherwise the
 // mapping's attribute names, null-terminated.
-struct OwnedName {
-    CString text;
-};
-
 struct AttributeList {
-    std::vector<OwnedName> names;
+    std::vector<CString> names;
     std::unique_ptr<char *[]> array;
 
     char **get() const { return array.get(); }
@@ -413,8 +409,8 @@ void fillAttributeList(AttributeList &list, const QHash<QString, QString> &mappi
     list.names.reserve(size_t(mapping.size()));
     int i = 0;
     for (auto it = mapping.constBegin(); it != mapping.constEnd(); ++it) {
-        list.names.push_back(OwnedName{makeCString(it.key())});
-        list.array[i++] = list.names.back().text.get();
+        list.names.push_back(makeCString(it.key()));
+        list.array[i++] = list.names.back().get();
     }
     list.array[i] = nullptr;
 }

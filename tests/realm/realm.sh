@@ -58,11 +58,9 @@ EOF
 # True when PID is a live (not zombie) process whose command line names DIR,
 # i.e. one of the servers this realm started and not a recycled PID.
 is_ours() {
-    local pid=$1 dir=$2 state cmd
+    local pid=$1 dir=$2 cmd
     [[ $pid =~ ^[0-9]+$ ]] || return 1
-    [ -r "/proc/$pid/stat" ] || return 1
-    state=$(sed -e 's/^.*) //' "/proc/$pid/stat" 2>/dev/null | cut -d' ' -f1) || return 1
-    [ "$state" != Z ] && [ -n "$state" ] || return 1
+    running "$pid" || return 1
     cmd=$(tr '\0' ' ' 2>/dev/null <"/proc/$pid/cmdline") || return 1
     [[ $cmd == *"$dir/"* ]]
 }
