@@ -2,7 +2,7 @@
 # The throwaway realm: an MIT KDC and an OpenLDAP slapd on 127.0.0.1, created
 # in one directory and run as plain processes of whoever starts it.
 #
-#   realm.sh start DIR [--bulk N] [--sizelimit N]
+#   realm.sh start DIR [--bulk N] [--sizelimit N | --size-limit SPEC]
 #   realm.sh stop DIR
 #
 # Everything a test needs is written to DIR/realm.env (see README.md).
@@ -47,7 +47,7 @@ now_ms() { date +%s%3N; }
 
 usage() {
     cat >&2 <<'EOF'
-usage: realm.sh start DIR [--bulk N] [--sizelimit N]
+usage: realm.sh start DIR [--bulk N] [--sizelimit N | --size-limit SPEC]
        realm.sh stop DIR
 EOF
     exit 2
@@ -639,6 +639,11 @@ start)
         case $1 in
         --bulk) [ $# -ge 2 ] && [[ $2 =~ ^[0-9]+$ ]] || usage; bulk=$2; shift 2 ;;
         --sizelimit) [ $# -ge 2 ] && [[ $2 =~ ^([0-9]+|unlimited)$ ]] || usage; sizelimit=$2; shift 2 ;;
+        # slapd's own limit words, e.g. a domain controller's MaxPageSize:
+        # 'size.soft=1000 size.hard=1000 size.pr=1000 size.prtotal=unlimited'
+        --size-limit)
+            [ $# -ge 2 ] && [[ $2 =~ ^size(\.[a-z]+)?=([0-9]+|unlimited|none|disabled|noEstimate)(\ +size(\.[a-z]+)?=([0-9]+|unlimited|none|disabled|noEstimate))*$ ]] || usage
+            sizelimit=$2; shift 2 ;;
         *) usage ;;
         esac
     done
