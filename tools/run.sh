@@ -17,6 +17,7 @@ packages=(
     slapd ldap-utils krb5-kdc krb5-admin-server krb5-user
     sasl2-bin libsasl2-modules libsasl2-modules-gssapi-mit
     hostname time
+    samba-ad-dc samba-ad-provision iproute2
 )
 
 # Installs what is missing, without letting the packages start their system
