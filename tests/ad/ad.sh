@@ -77,12 +77,13 @@ EOF
 
 # ---------------------------------------------------------------- processes
 
-# True while PID exists and is not a zombie.
+# True while PID exists and is not a zombie (the state follows the last ")"
+# of /proc/PID/stat).
 running() {
-    local state
-    [ -r "/proc/$1/stat" ] || return 1
-    state=$(sed -e 's/^.*) //' "/proc/$1/stat" 2>/dev/null | cut -d' ' -f1) || return 1
-    [ -n "$state" ] && [ "$state" != Z ] && [ "$state" != X ]
+    local stat
+    [[ $1 =~ ^[0-9]+$ ]] && stat=$(cat "/proc/$1/stat" 2>/dev/null) || return 1
+    stat=${stat##*) }
+    [ -n "$stat" ] && [[ $stat != [ZX]* ]]
 }
 
 # True when PID is the DC's first process: alive, in the PID namespace
@@ -90,7 +91,7 @@ running() {
 # taken for it). Its command line is no help: samba rewrites its title.
 is_dc() {
     local pid=$1 pidns=$2
-    [[ $pid =~ ^[0-9]+$ ]] && running "$pid" || return 1
+    running "$pid" || return 1
     [ "$(readlink "/proc/$pid/ns/pid" 2>/dev/null)" = "$pidns" ] || return 1
     [ "$(awk '$1 == "NSpid:" { print $NF }' "/proc/$pid/status" 2>/dev/null)" = 1 ]
 }
@@ -136,7 +137,7 @@ stop_ad() {
         fi
         # unshare, outside the namespace, ends when the DC has ended.
         cmd=$(tr '\0' ' ' 2>/dev/null <"/proc/$launcher/cmdline") || cmd=
-        if [[ $launcher =~ ^[0-9]+$ && $cmd == unshare*"$dir/"* ]] && running "$launcher"; then
+        if [[ $cmd == unshare*"$dir/"* ]] && running "$launcher"; then
             wait_gone "$launcher" 100 || die "the DC's launcher (pid $launcher) is still running"
         fi
         rm -f "$dir/ad.pids"
@@ -155,16 +156,10 @@ stop_ad() {
 
 # ---------------------------------------------------------------- files
 
-# One KEY=VALUE line of ad.env; values with blanks or non-ASCII text are
-# single-quoted so that the file can be sourced by a shell.
+# One KEY='VALUE' line of ad.env, for a shell to source.
 env_line() {
-    local key=$1 value=$2
-    if [[ $value =~ ^[A-Za-z0-9_./:@,=+%-]*$ ]]; then
-        printf '%s=%s\n' "$key" "$value"
-    else
-        [[ $value != *"'"* ]] || die "value of $key holds a single quote"
-        printf "%s='%s'\n" "$key" "$value"
-    fi
+    [[ $2 != *"'"* ]] || die "value of $1 holds a single quote"
+    printf "%s='%s'\n" "$1" "$2"
 }
 
 write_name_files() {
