@@ -76,7 +76,7 @@ public:
 
 private:
     friend class ZMLDAPObjectIteratorPrivate;
-    ZMLDAPPrivate *d;
+    ZMLDAPPrivate *const d;
 };
 
 // One synchronous search over a connected directory; hands the entries out as
@@ -97,7 +97,7 @@ public:
     zelmora::ObjectInfo next();
 
 private:
-    ZMLDAPObjectIteratorPrivate *d;
+    ZMLDAPObjectIteratorPrivate *const d;
 };
 
 #endif // ZMLDAP_H

@@ -1,0 +1,205 @@
+#ifndef ZMLDAP_P_H
+#define ZMLDAP_P_H
+
+#include "zmldap.h"
+
+#include <QHash>
+#include <QList>
+#include <QString>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <lber.h>
+#include <ldap.h>
+
+namespace zmldap {
+namespace detail {
+
+// Owners of what libldap hands out.
+struct SessionFree {
+    void operator()(LDAP *ld) const { ldap_unbind_ext(ld, nullptr, nullptr); }
+};
+struct MessageFree {
+    void operator()(LDAPMessage *message) const { ldap_msgfree(message); }
+};
+struct BerFree {
+    // The cursor reads the message's own buffer: free the cursor only.
+    void operator()(BerElement *ber) const { ber_free(ber, 0); }
+};
+struct MemFree {
+    void operator()(char *p) const { ldap_memfree(p); }
+};
+struct ValuesFree {
+    void operator()(berval **values) const { ldap_value_free_len(values); }
+};
+using SessionPtr = std::unique_ptr<LDAP, SessionFree>;
+using MessagePtr = std::unique_ptr<LDAPMessage, MessageFree>;
+using BerPtr = std::unique_ptr<BerElement, BerFree>;
+using AttributePtr = std::unique_ptr<char, MemFree>;
+using ValuesPtr = std::unique_ptr<berval *, ValuesFree>;
+using CString = std::unique_ptr<char[]>;
+
+// What a user search asks for when the settings name no filter.
+const QString kDefaultUserFilter = QStringLiteral("(&(objectClass=user)(objectCategory=person))");
+// Search time limit of every directory search.
+constexpr int kSearchTimeLimitSeconds = 30;
+
+// A C string for libldap: sized by the UTF-16 length plus one and cut there
+// (see stringToAttribute).
+CString makeCString(const QString &str);
+
+// The search's attribute list: null for all user attributes, otherwise the
+// mapping's attribute names, null-terminated, in the hash's order.
+class AttributeList {
+public:
+    void fill(const QHash<QString, QString> &mapping);
+    char **get() const { return m_array.get(); }
+    void reset();
+
+private:
+    std::vector<CString> m_names;
+    std::unique_ptr<char *[]> m_array;
+};
+
+// The one walk over the attributes of an entry, in the server's order:
+//     for (AttributeWalk a(ld, entry); a.next();) { a.name(), a.values(), a.count() }
+// values() is null (count() 0) for an attribute without a value list. Names,
+// values and the cursor are released as the walk moves on.
+class AttributeWalk {
+public:
+    AttributeWalk(LDAP *ld, LDAPMessage *entry)
+        : m_ld(ld)
+        , m_entry(entry)
+    {
+    }
+
+    bool next()
+    {
+        m_values.reset();
+        if (!m_started) {
+            m_started = true;
+            BerElement *cursor = nullptr;
+            m_name.reset(ldap_first_attribute(m_ld, m_entry, &cursor));
+            m_ber.reset(cursor);
+        } else if (m_name) {
+            m_name.reset(ldap_next_attribute(m_ld, m_entry, m_ber.get()));
+        }
+        if (!m_name) {
+            m_count = 0;
+            return false;
+        }
+        m_values.reset(ldap_get_values_len(m_ld, m_entry, m_name.get()));
+        m_count = m_values ? ldap_count_values_len(m_values.get()) : 0;
+        return true;
+    }
+
+    const char *name() const { return m_name.get(); }
+    berval **values() const { return m_values.get(); }
+    int count() const { return m_count; }
+
+private:
+    LDAP *m_ld;
+    LDAPMessage *m_entry;
+    BerPtr m_ber;
+    AttributePtr m_name;
+    ValuesPtr m_values;
+    int m_count = 0;
+    bool m_started = false;
+};
+
+// The one search of the directory code. The account check, the iterator and
+// the listing each make their buffers in their own order (a failed
+// allocation is theirs to report), then run it.
+class DirectorySearch {
+public:
+    DirectorySearch(LDAP *ld, int scope);
+
+    DirectorySearch(const DirectorySearch &) = delete;
+    DirectorySearch &operator=(const DirectorySearch &) = delete;
+
+    // These throw std::bad_alloc when a buffer cannot be made.
+    void setBase(const QString &base);
+    void setFilter(const QString &filter);
+    void setAttributes(const QHash<QString, QString> &mapping);
+
+    // One ldap_search_ext_s for the whole result; the buffers are released
+    // when it returns. The search's result code; 0 and 10 are answers.
+    int run(MessagePtr &result);
+
+private:
+    void release();
+
+    LDAP *m_ld;
+    int m_scope;
+    CString m_base;
+    CString m_filter;
+    AttributeList m_attributes;
+};
+
+// A search code that counts as an answer: success, or a referral (the base
+// lies in another server's part of the tree; referrals are not chased).
+inline bool isAnswer(int rc)
+{
+    return rc == LDAP_SUCCESS || rc == LDAP_REFERRAL;
+}
+
+} // namespace detail
+} // namespace zmldap
+
+// Writes the UTF-8 form of str into buffer. Buffers are sized by the UTF-16
+// length plus one and terminated at that length, which cuts longer UTF-8 text
+// (anything outside ASCII) to that many bytes; the copy stops there too.
+void stringToAttribute(const QString &str, char *buffer);
+
+// State of one directory object. Every operation that talks to the server
+// first tests ld: null means "not connected".
+class ZMLDAPPrivate {
+public:
+    explicit ZMLDAPPrivate(const zelmora::ObjectInfo &settings);
+
+    ZMLDAPPrivate(const ZMLDAPPrivate &) = delete;
+    ZMLDAPPrivate &operator=(const ZMLDAPPrivate &) = delete;
+
+    // 0 on success, the failing LDAP result code, or -1 for an unknown method.
+    int connect();
+    // Logs and releases the session.
+    void unbind();
+    int bindDigestMD5Linux(const QString &host, const QString &user, const QString &password);
+    int bindGSSAPILinux();
+    // Not used by the library; kept for simple binds by DN.
+    int bindSimpleLinux(const QString &dn, const QString &password);
+
+    bool checkADUser(const QString &user);
+    bool getUserList(QList<zelmora::ObjectInfo> &list);
+    bool getUserList(QList<zelmora::ObjectInfo> &list, const QHash<QString, QString> &mapping);
+
+    zmldap::detail::SessionPtr ld;   // the session; released only with ldap_unbind_ext
+    zelmora::ObjectInfo settings;    // read at use time by every operation
+    QString resultObjectType;        // type name of every record produced
+    std::string uri;                 // fixed at construction
+    LDAPDefaults defaults;           // fixed at construction; its address goes to the SASL library
+};
+
+// One search over a connected directory object, walked entry by entry.
+class ZMLDAPObjectIteratorPrivate {
+public:
+    ZMLDAPObjectIteratorPrivate(ZMLDAP *ldap, zmldap::Scope scope, const QHash<QString, QString> &mapping);
+
+    ZMLDAPObjectIteratorPrivate(const ZMLDAPObjectIteratorPrivate &) = delete;
+    ZMLDAPObjectIteratorPrivate &operator=(const ZMLDAPObjectIteratorPrivate &) = delete;
+
+    zelmora::ObjectInfo first();
+    zelmora::ObjectInfo next();
+    zelmora::ObjectInfo unpackEntry();
+
+    zmldap::detail::MessagePtr result; // null when there is nothing (more) to hand out
+    LDAPMessage *current;              // borrowed from result
+    ZMLDAP *ldap;                      // not owned; outlives the iterator
+    zmldap::Scope scope;
+    int count;                         // ldap_count_entries of the search
+    QHash<QString, QString> mapping;   // attribute name -> field name(s)
+};
+
+#endif // ZMLDAP_P_H
