@@ -131,11 +131,11 @@ const QString &ValuePool::hit(const QString &value)
 }
 
 // Whether a new value is worth keeping; turns the pool off when the field
-// has shown that it does not repeat.
+// has shown that it does not repeat, or when the pool is full.
 bool ValuePool::miss()
 {
     ++m_seen;
-    if ((m_seen % kSample == 0 && m_hits * 2 < m_seen) || m_values.size() >= kMaxValues) {
+    if ((m_seen % kSample == 0 && m_hits * 2 < m_seen) || size() >= kMaxValues) {
         m_on = false;
         m_values = {};
         m_bytes = {};

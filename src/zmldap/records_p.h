@@ -49,7 +49,8 @@ struct TextHash {
 // Directory values repeat across users: first names, departments, titles.
 // While one field keeps repeating, the records of a listing share one copy of
 // each of its values; a field that does not (logins, mail addresses) stops
-// being pooled after a sample, and its pool is dropped.
+// being pooled after a sample, and its pool is dropped. A pool also stops at
+// kMaxValues values, counted over both of its tables.
 class ValuePool {
 public:
     static constexpr int kSample = 1024;
@@ -60,6 +61,10 @@ public:
     // The text of one value given by its UTF-8 bytes: a repeated value is
     // found by its bytes, without decoding it again.
     QString shareBytes(const char *data, int len);
+
+    // Values held, by text and by bytes.
+    size_t size() const { return m_values.size() + m_bytes.size(); }
+    bool isPooling() const { return m_on; }
 
 private:
     const QString &hit(const QString &value);
