@@ -67,3 +67,32 @@ bool ZMLDAPPrivate::checkADUser(const QString &user)
     }
     return true;
 }
+
+QString zmldap::escapeFilterValue(const QString &value)
+{
+    QString out;
+    out.reserve(value.size());
+    for (const QChar c : value) {
+        switch (c.unicode()) {
+        case '*':
+            out += QLatin1String("\\2a");
+            break;
+        case '(':
+            out += QLatin1String("\\28");
+            break;
+        case ')':
+            out += QLatin1String("\\29");
+            break;
+        case '\\':
+            out += QLatin1String("\\5c");
+            break;
+        case 0:
+            out += QLatin1String("\\00");
+            break;
+        default:
+            out += c;
+            break;
+        }
+    }
+    return out;
+}
