@@ -23,7 +23,7 @@ bool ZMLDAPPrivate::checkADUser(const QString &user)
     if (!ld)
         return false;
 
-    DirectorySearch search(ld.get(), LDAP_SCOPE_SUBTREE);
+    DirectorySearch search(ld.get(), LDAP_SCOPE_SUBTREE, settings.params);
     const QString base = settings.params.value(db::system::ldap::BASE_DN);
     try {
         search.setBase(base);

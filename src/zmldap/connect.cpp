@@ -125,6 +125,18 @@ int ZMLDAPPrivate::connect()
         return rc;
     }
 
+    // With a timeout set, neither the TCP connection nor a bind waits longer.
+    if (const int timeout = zmldap::detail::positiveSetting(settings.params, zmldap::key::TIMEOUT)) {
+        const timeval limit = {timeout, 0};
+        int optionRc = ldap_set_option(ld.get(), LDAP_OPT_NETWORK_TIMEOUT, &limit);
+        if (optionRc != LDAP_OPT_SUCCESS)
+            qDebug() << "ldap_set_option set LDAP_OPT_NETWORK_TIMEOUT error" << Qt::hex << optionRc
+                     << ldap_err2string(optionRc);
+        optionRc = ldap_set_option(ld.get(), LDAP_OPT_TIMEOUT, &limit);
+        if (optionRc != LDAP_OPT_SUCCESS)
+            qDebug() << "ldap_set_option set LDAP_OPT_TIMEOUT error" << Qt::hex << optionRc << ldap_err2string(optionRc);
+    }
+
     // The DIGEST-MD5 step takes these for its signature; the SASL exchange
     // answers from the defaults record built with the object.
     const QString host = settings.params.value(db::system::ldap::HOST);

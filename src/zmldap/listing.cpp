@@ -58,9 +58,10 @@ void AttributeList::reset()
     m_array.reset();
 }
 
-DirectorySearch::DirectorySearch(LDAP *ld, int scope)
+DirectorySearch::DirectorySearch(LDAP *ld, int scope, const QHash<QString, QString> &settings)
     : m_ld(ld)
     , m_scope(scope)
+    , m_timeLimit(searchTimeLimit(settings))
 {
 }
 
@@ -82,7 +83,8 @@ void DirectorySearch::setAttributes(const QHash<QString, QString> &mapping)
 int DirectorySearch::run(MessagePtr &result)
 {
     LDAPMessage *message = nullptr;
-    timeval timeLimit = {kSearchTimeLimitSeconds, 0};
+    // Also the client's wait: it overrides the session's LDAP_OPT_TIMEOUT.
+    timeval timeLimit = {m_timeLimit, 0};
     const int rc = ldap_search_ext_s(m_ld, m_base.get(), m_scope, m_filter.get(), m_attributes.get(), 0, nullptr,
                                      nullptr, &timeLimit, 0, &message);
     result.reset(message);
@@ -136,7 +138,7 @@ bool ZMLDAPPrivate::getUserList(QList<zelmora::ObjectInfo> &list, const QHash<QS
     if (!ld)
         return false;
 
-    DirectorySearch search(ld.get(), LDAP_SCOPE_SUBTREE);
+    DirectorySearch search(ld.get(), LDAP_SCOPE_SUBTREE, settings.params);
     const QString base = settings.params.value(db::system::ldap::BASE_DN);
     const QString filter = userFilter(settings.params);
     try {
@@ -215,7 +217,7 @@ ZMLDAPObjectIteratorPrivate::ZMLDAPObjectIteratorPrivate(ZMLDAP *ldap, zmldap::S
     else if (scope == zmldap::OneLevel)
         ldapScope = LDAP_SCOPE_ONELEVEL;
 
-    DirectorySearch search(directory->ld.get(), ldapScope);
+    DirectorySearch search(directory->ld.get(), ldapScope, directory->settings.params);
     try {
         search.setBase(directory->settings.params.value(db::system::ldap::BASE_DN));
         search.setFilter(userFilter(directory->settings.params));

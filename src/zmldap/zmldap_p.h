@@ -46,6 +46,23 @@ const QString kDefaultUserFilter = QStringLiteral("(&(objectClass=user)(objectCa
 // Search time limit of every directory search.
 constexpr int kSearchTimeLimitSeconds = 30;
 
+// An optional setting's positive integer; 0 when absent, empty, "0" or not a
+// positive integer (the setting is then off).
+inline int positiveSetting(const QHash<QString, QString> &params, const QString &key)
+{
+    bool ok = false;
+    const int value = params.value(key).toInt(&ok, 10);
+    return ok && value > 0 ? value : 0;
+}
+
+// The time limit of a search: 30 seconds, or the settings' timeout when that
+// is shorter.
+inline int searchTimeLimit(const QHash<QString, QString> &params)
+{
+    const int timeout = positiveSetting(params, zmldap::key::TIMEOUT);
+    return timeout > 0 && timeout < kSearchTimeLimitSeconds ? timeout : kSearchTimeLimitSeconds;
+}
+
 // A C string for libldap: sized by the UTF-16 length plus one and cut there
 // (see stringToAttribute).
 CString makeCString(const QString &str);
@@ -114,7 +131,8 @@ private:
 // allocation is theirs to report), then run it.
 class DirectorySearch {
 public:
-    DirectorySearch(LDAP *ld, int scope);
+    // The time limit comes from the settings (searchTimeLimit).
+    DirectorySearch(LDAP *ld, int scope, const QHash<QString, QString> &settings);
 
     DirectorySearch(const DirectorySearch &) = delete;
     DirectorySearch &operator=(const DirectorySearch &) = delete;
@@ -133,6 +151,7 @@ private:
 
     LDAP *m_ld;
     int m_scope;
+    int m_timeLimit;
     CString m_base;
     CString m_filter;
     AttributeList m_attributes;

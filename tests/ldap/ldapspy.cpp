@@ -78,6 +78,10 @@ int ldap_set_option(LDAP *ld, int option, const void *invalue)
     call.nullValue = invalue == nullptr;
     if (invalue && (option == LDAP_OPT_PROTOCOL_VERSION || option == LDAP_OPT_TIMELIMIT))
         call.intValue = *static_cast<const int *>(invalue);
+    if (invalue && (option == LDAP_OPT_NETWORK_TIMEOUT || option == LDAP_OPT_TIMEOUT)) {
+        call.timeSec = long(static_cast<const timeval *>(invalue)->tv_sec);
+        call.timeUsec = long(static_cast<const timeval *>(invalue)->tv_usec);
+    }
     if (option == s.failOption)
         call.rc = s.failOptionRc;
     else

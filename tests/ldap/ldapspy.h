@@ -45,6 +45,8 @@ struct SetOptionCall {
     int option = 0;
     bool nullValue = false;
     int intValue = 0;   // for the integer options
+    long timeSec = -1;  // for the two timeout options (a struct timeval)
+    long timeUsec = -1;
     int rc = 0;
 };
 

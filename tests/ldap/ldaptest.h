@@ -120,10 +120,10 @@ inline QString settingsDump(const zelmora::ObjectInfo &settings)
     return text.trimmed();
 }
 
-inline zelmora::ObjectInfo realmSettings(const QString &method, const QString &user = QString(),
+// Settings for the realm described by env (a realm.env), with a bind method.
+inline zelmora::ObjectInfo realmSettings(const RealmEnv &env, const QString &method, const QString &user = QString(),
                                          const QString &password = QString())
 {
-    const RealmEnv &env = RealmEnv::get();
     zelmora::ObjectInfo s;
     s.params.insert(QStringLiteral("PT_HOST"), env.value(QStringLiteral("LDAP_HOST")));
     s.params.insert(QStringLiteral("PT_PORT"), env.value(QStringLiteral("LDAP_PORT")));
@@ -134,6 +134,13 @@ inline zelmora::ObjectInfo realmSettings(const QString &method, const QString &u
     if (!method.isNull())
         s.params.insert(QStringLiteral("PT_METHOD"), method);
     return s;
+}
+
+// The same for this ctest run's realm.
+inline zelmora::ObjectInfo realmSettings(const QString &method, const QString &user = QString(),
+                                         const QString &password = QString())
+{
+    return realmSettings(RealmEnv::get(), method, user, password);
 }
 
 // Settings of an anonymous session (method 0) that searches under base with
