@@ -7,6 +7,7 @@
 #include "zmlogging.h"
 
 #include <QByteArray>
+#include <QDeadlineTimer>
 #include <QDebug>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -65,6 +66,12 @@ DirectorySearch::DirectorySearch(LDAP *ld, int scope, const QHash<QString, QStri
 {
 }
 
+DirectorySearch::~DirectorySearch()
+{
+    if (m_msgid >= 0)
+        ldap_abandon_ext(m_ld, m_msgid, nullptr, nullptr);
+}
+
 void DirectorySearch::setBase(const QString &base)
 {
     m_base = makeCString(base);
@@ -90,6 +97,98 @@ int DirectorySearch::run(MessagePtr &result)
     result.reset(message);
     release();
     return rc;
+}
+
+// The request for the next page: the same search with the paged results
+// control (non-critical, so that a server without paging answers it whole)
+// carrying the server's last cookie.
+int DirectorySearch::request()
+{
+    berval cookie;
+    cookie.bv_len = m_cookieLength;
+    cookie.bv_val = m_cookie.get();
+    LDAPControl *made = nullptr;
+    int rc = ldap_create_page_control(m_ld, ber_int_t(m_pageSize), &cookie, 0, &made);
+    const ControlPtr control(made);
+    if (rc != LDAP_SUCCESS)
+        return rc;
+    LDAPControl *serverControls[] = {control.get(), nullptr};
+    timeval timeLimit = {m_timeLimit, 0};
+    rc = ldap_search_ext(m_ld, m_base.get(), m_scope, m_filter.get(), m_attributes.get(), 0, serverControls, nullptr,
+                         &timeLimit, 0, &m_msgid);
+    if (rc != LDAP_SUCCESS)
+        m_msgid = -1;
+    m_deadline = QDeadlineTimer::current().deadline() + qint64(m_timeLimit) * 1000;
+    m_pageEntries = 0;
+    return rc;
+}
+
+DirectorySearch::Step DirectorySearch::next(MessagePtr &entry)
+{
+    if (m_done)
+        return m_rc == LDAP_SUCCESS ? Done : Failed;
+    if (m_msgid < 0) {
+        const int rc = request();
+        if (rc != LDAP_SUCCESS)
+            return fail(rc);
+    }
+    for (;;) {
+        // What is left of the page's time limit, as ldap_search_ext_s waits.
+        const qint64 left = qMax<qint64>(0, m_deadline - QDeadlineTimer::current().deadline());
+        timeval wait = {time_t(left / 1000), suseconds_t(left % 1000 * 1000)};
+        LDAPMessage *received = nullptr;
+        const int type = ldap_result(m_ld, m_msgid, LDAP_MSG_ONE, &wait, &received);
+        MessagePtr message(received);
+        if (type == 0)
+            return fail(LDAP_TIMEOUT);
+        if (type < 0) {
+            int rc = LDAP_OTHER;
+            ldap_get_option(m_ld, LDAP_OPT_RESULT_CODE, &rc);
+            return fail(rc);
+        }
+        if (type == LDAP_RES_SEARCH_ENTRY) {
+            ++m_pageEntries;
+            entry = std::move(message);
+            return Entry;
+        }
+        if (type != LDAP_RES_SEARCH_RESULT)
+            continue;   // references (not chased, not counted) and anything else
+
+        m_msgid = -1;
+        int code = LDAP_SUCCESS;
+        LDAPControl **returned = nullptr;
+        const int rc = ldap_parse_result(m_ld, message.get(), &code, nullptr, nullptr, nullptr, &returned, 0);
+        const ControlsPtr controls(returned);
+        if (rc != LDAP_SUCCESS)
+            return fail(rc);
+        if (!isAnswer(code))
+            return fail(code);
+        // No control (a server that does not page) or an empty cookie: the
+        // last page.
+        berval cookie = {0, nullptr};
+        LDAPControl *page = ldap_control_find(LDAP_CONTROL_PAGEDRESULTS, controls.get(), nullptr);
+        ber_int_t estimate = 0;
+        if (page && ldap_parse_pageresponse_control(m_ld, page, &estimate, &cookie) != LDAP_SUCCESS)
+            cookie = {0, nullptr};
+        m_cookie.reset(cookie.bv_val);
+        m_cookieLength = cookie.bv_val ? cookie.bv_len : 0;
+        if (m_cookieLength == 0) {
+            m_done = true;
+            release();
+        }
+        return PageEnd;
+    }
+}
+
+DirectorySearch::Step DirectorySearch::fail(int rc)
+{
+    if (m_msgid >= 0)
+        ldap_abandon_ext(m_ld, m_msgid, nullptr, nullptr);
+    m_msgid = -1;
+    m_rc = rc;
+    m_done = true;
+    release();
+    return Failed;
 }
 
 void DirectorySearch::release()
@@ -152,6 +251,49 @@ bool ZMLDAPPrivate::getUserList(QList<zelmora::ObjectInfo> &list, const QHash<QS
     qCDebug(ldapc) << "get user list" << base << filter << mapping;
 
     search.setAttributes(mapping);
+    // The mapping is split into fields once for the whole listing. With no
+    // mapping every attribute goes under the empty key, the last one winning.
+    AttributeTargets targets(mapping);
+    const auto unpack = [&](LDAPMessage *entry) {
+        zelmora::ObjectInfo record;
+        record.type = resultObjectType;
+        for (AttributeWalk attribute(ld.get(), entry); attribute.next();) {
+            if (attribute.count() > 0)
+                storeAttribute(record.params, targets.find(attribute.name()), attribute.values(), attribute.count());
+        }
+        return record;
+    };
+
+    if (const int pageSize = positiveSetting(settings.params, zmldap::key::PAGE_SIZE)) {
+        // Each entry becomes a record as it arrives and is released, so the
+        // listing holds the records and one entry, not the whole result. The
+        // records stay appended only if every page succeeds.
+        search.setPageSize(pageSize);
+        const int before = list.size();
+        int total = 0;
+        for (;;) {
+            MessagePtr entry;
+            const DirectorySearch::Step step = search.next(entry);
+            if (step == DirectorySearch::Entry) {
+                list.append(unpack(entry.get()));
+            } else if (step == DirectorySearch::PageEnd) {
+                total += search.pageEntries();
+                qCDebug(ldapc) << "Entries" << search.pageEntries();
+            } else if (step == DirectorySearch::Done) {
+                break;
+            } else {
+                list.erase(list.begin() + before, list.end());
+                qCCritical(ldapc) << "ldap_search_ext_s error" << Qt::hex << search.rc() << ldap_err2string(search.rc());
+                return false;
+            }
+        }
+        if (total == 0) {
+            qCCritical(ldapc) << "ldap_count_entries error";
+            return false;
+        }
+        return true;
+    }
+
     MessagePtr result;
     const int rc = search.run(result);
     if (!isAnswer(rc)) {
@@ -166,27 +308,14 @@ bool ZMLDAPPrivate::getUserList(QList<zelmora::ObjectInfo> &list, const QHash<QS
     }
     qCDebug(ldapc) << "Entries" << count;
 
-    // The mapping is split into fields once for the whole listing. With no
-    // mapping every attribute goes under the empty key, the last one winning.
-    AttributeTargets targets(mapping);
     if (count > 0)
         list.reserve(list.size() + count);
-
-    zelmora::ObjectInfo record;
-    record.type = resultObjectType;
     int taken = 0;
     for (LDAPMessage *entry = result ? ldap_first_entry(ld.get(), result.get()) : nullptr; entry;
          entry = ldap_next_entry(ld.get(), entry)) {
-        for (AttributeWalk attribute(ld.get(), entry); attribute.next();) {
-            if (attribute.count() > 0)
-                storeAttribute(record.params, targets.find(attribute.name()), attribute.values(), attribute.count());
-        }
-        list.append(record);
-
+        list.append(unpack(entry));
         if (++taken == count)
             return true;
-        record = zelmora::ObjectInfo();
-        record.type = resultObjectType;
     }
 
     qCCritical(ldapc) << "ldap_*_entry error";
@@ -204,6 +333,8 @@ ZMLDAPObjectIteratorPrivate::ZMLDAPObjectIteratorPrivate(ZMLDAP *ldap, zmldap::S
     , scope(scope)
     , count(0)
     , mapping()
+    , entries()
+    , position(0)
 {
     ZMLDAPPrivate *const directory = ldap ? ldap->d : nullptr;
     if (!directory || !directory->ld)
@@ -227,6 +358,34 @@ ZMLDAPObjectIteratorPrivate::ZMLDAPObjectIteratorPrivate(ZMLDAP *ldap, zmldap::S
     }
     search.setAttributes(this->mapping);
 
+    if (const int pageSize = positiveSetting(directory->settings.params, zmldap::key::PAGE_SIZE)) {
+        // Every page is read now, to know the total; the entries are kept
+        // for first() and next().
+        search.setPageSize(pageSize);
+        std::vector<MessagePtr> received;
+        for (;;) {
+            MessagePtr entry;
+            const DirectorySearch::Step step = search.next(entry);
+            if (step == DirectorySearch::Entry) {
+                received.push_back(std::move(entry));
+            } else if (step == DirectorySearch::PageEnd) {
+                qCDebug(ldapc) << "Entries" << search.pageEntries();
+            } else if (step == DirectorySearch::Done) {
+                break;
+            } else {
+                qCCritical(ldapc) << "ldap_search_ext_s error" << Qt::hex << search.rc();
+                return;
+            }
+        }
+        if (received.empty()) {
+            qCCritical(ldapc) << "ldap_count_entries error";
+            return;
+        }
+        count = int(received.size());
+        entries = std::move(received);
+        return;
+    }
+
     MessagePtr searchResult;
     const int rc = search.run(searchResult);
     if (!isAnswer(rc)) {
@@ -245,9 +404,19 @@ ZMLDAPObjectIteratorPrivate::ZMLDAPObjectIteratorPrivate(ZMLDAP *ldap, zmldap::S
 
 zelmora::ObjectInfo ZMLDAPObjectIteratorPrivate::first()
 {
+    LDAP *const handle = ldap->d->ld.get();
+    if (!entries.empty()) {
+        // A session that has gone since the search has no entries either.
+        position = 0;
+        current = handle ? entries.front().get() : nullptr;
+        if (current)
+            return unpackEntry();
+        qCCritical(ldapc) << "ldap_first_entry error";
+        entries.clear();
+        return zelmora::ObjectInfo();
+    }
     if (!result)
         return zelmora::ObjectInfo();
-    LDAP *const handle = ldap->d->ld.get();
     // libldap asserts on a null handle; a disconnected object has no entries.
     current = handle ? ldap_first_entry(handle, result.get()) : nullptr;
     if (current)
@@ -260,9 +429,19 @@ zelmora::ObjectInfo ZMLDAPObjectIteratorPrivate::first()
 
 zelmora::ObjectInfo ZMLDAPObjectIteratorPrivate::next()
 {
+    LDAP *const handle = ldap->d->ld.get();
+    if (!entries.empty()) {
+        // As unpaged: before first() there is no successor, and running off
+        // the end is reported and releases the entries.
+        current = handle && current && ++position < entries.size() ? entries[position].get() : nullptr;
+        if (current)
+            return unpackEntry();
+        qCCritical(ldapc) << "ldap_next_entry error";
+        entries.clear();
+        return zelmora::ObjectInfo();
+    }
     if (!result)
         return zelmora::ObjectInfo();
-    LDAP *const handle = ldap->d->ld.get();
     // Before first() there is no current entry, and its successor is none;
     // libldap would abort on a null entry (or handle), so it is not asked.
     current = handle && current ? ldap_next_entry(handle, current) : nullptr;

@@ -34,11 +34,23 @@ struct MemFree {
 struct ValuesFree {
     void operator()(berval **values) const { ldap_value_free_len(values); }
 };
+struct ControlFree {
+    void operator()(LDAPControl *control) const { ldap_control_free(control); }
+};
+struct ControlsFree {
+    void operator()(LDAPControl **controls) const { ldap_controls_free(controls); }
+};
+struct BerMemFree {
+    void operator()(char *p) const { ber_memfree(p); }
+};
 using SessionPtr = std::unique_ptr<LDAP, SessionFree>;
 using MessagePtr = std::unique_ptr<LDAPMessage, MessageFree>;
 using BerPtr = std::unique_ptr<BerElement, BerFree>;
 using AttributePtr = std::unique_ptr<char, MemFree>;
 using ValuesPtr = std::unique_ptr<berval *, ValuesFree>;
+using ControlPtr = std::unique_ptr<LDAPControl, ControlFree>;
+using ControlsPtr = std::unique_ptr<LDAPControl *, ControlsFree>;
+using BerMemPtr = std::unique_ptr<char, BerMemFree>;
 using CString = std::unique_ptr<char[]>;
 
 // What a user search asks for when the settings name no filter.
@@ -128,11 +140,14 @@ private:
 
 // The one search of the directory code. The account check, the iterator and
 // the listing each make their buffers in their own order (a failed
-// allocation is theirs to report), then run it.
+// allocation is theirs to report), then run it: unpaged, one synchronous
+// search for the whole result; paged, one request per page with the simple
+// paged results control, handed out entry by entry as the entries arrive.
 class DirectorySearch {
 public:
     // The time limit comes from the settings (searchTimeLimit).
     DirectorySearch(LDAP *ld, int scope, const QHash<QString, QString> &settings);
+    ~DirectorySearch();
 
     DirectorySearch(const DirectorySearch &) = delete;
     DirectorySearch &operator=(const DirectorySearch &) = delete;
@@ -142,11 +157,25 @@ public:
     void setFilter(const QString &filter);
     void setAttributes(const QHash<QString, QString> &mapping);
 
-    // One ldap_search_ext_s for the whole result; the buffers are released
-    // when it returns. The search's result code; 0 and 10 are answers.
+    // Unpaged: one ldap_search_ext_s for the whole result; the buffers are
+    // released when it returns. The search's result code; 0 and 10 are
+    // answers.
     int run(MessagePtr &result);
 
+    // Paged, N entries a page (N > 0). Each call of next() hands out what
+    // comes next: an entry (the caller owns it), the end of a page, the end
+    // of the search, or a failure (rc() says which; a request still running
+    // is abandoned). Each page may take the time limit.
+    enum Step { Entry, PageEnd, Done, Failed };
+    void setPageSize(int pageSize) { m_pageSize = pageSize; }
+    Step next(MessagePtr &entry);
+    // Entries of the page last ended or still arriving.
+    int pageEntries() const { return m_pageEntries; }
+    int rc() const { return m_rc; }
+
 private:
+    int request();
+    Step fail(int rc);
     void release();
 
     LDAP *m_ld;
@@ -155,6 +184,15 @@ private:
     CString m_base;
     CString m_filter;
     AttributeList m_attributes;
+
+    int m_pageSize = 0;
+    int m_msgid = -1;           // the page request running, or -1
+    BerMemPtr m_cookie;         // where the server continues; empty on the first page
+    ber_len_t m_cookieLength = 0;
+    long long m_deadline = 0;   // of the running page, on the monotonic clock (ms)
+    int m_pageEntries = 0;
+    int m_rc = LDAP_SUCCESS;
+    bool m_done = false;
 };
 
 // A search code that counts as an answer: success, or a referral (the base
@@ -213,12 +251,14 @@ public:
     zelmora::ObjectInfo next();
     zelmora::ObjectInfo unpackEntry();
 
-    zmldap::detail::MessagePtr result; // null when there is nothing (more) to hand out
-    LDAPMessage *current;              // borrowed from result
+    zmldap::detail::MessagePtr result; // unpaged; null when there is nothing (more) to hand out
+    LDAPMessage *current;              // borrowed from result or entries
     ZMLDAP *ldap;                      // not owned; outlives the iterator
     zmldap::Scope scope;
-    int count;                         // ldap_count_entries of the search
+    int count;                         // ldap_count_entries of the search; paged, the entries of all pages
     QHash<QString, QString> mapping;   // attribute name -> field name(s)
+    std::vector<zmldap::detail::MessagePtr> entries;   // paged: every entry of every page
+    size_t position;                   // paged: index of current in entries
 };
 
 #endif // ZMLDAP_P_H

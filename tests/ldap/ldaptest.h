@@ -9,6 +9,7 @@
 #include "logcapture.h"
 #include "realmenv.h"
 #include "zelmora.h"
+#include "zmldap.h"
 
 #include <QDebug>
 #include <QStringList>
@@ -231,6 +232,37 @@ inline QHash<QString, QString> expectedParams(const DirEntry &entry, const QHash
         }
     }
     return params;
+}
+
+// The iterator's debug records for one entry: the entry line, then one line
+// per attribute with values.
+inline QString entryLine()
+{
+    return ldbg(fn::unpack, QStringLiteral("\"----------------------- NEW ENTRY -----------------------\""));
+}
+
+inline QString attributeLine(const DirAttribute &a)
+{
+    QStringList values;
+    for (const QByteArray &v : a.values)
+        values.append(textOf(v));
+    QString text;
+    QDebug(&text) << "\tATTRIBUTE" << QString::fromUtf8(a.name) << "---" << values;
+    text.chop(1);   // the blank QDebug leaves after the last item
+    return ldbg(fn::unpack, text);
+}
+
+// The records of an iterator, taken with first() and next() until size()
+// are taken.
+inline QList<zelmora::ObjectInfo> takeAll(ZMLDAPObjectIterator &it)
+{
+    QList<zelmora::ObjectInfo> out;
+    if (it.size() <= 0)
+        return out;
+    out.append(it.first());
+    while (out.size() < it.size())
+        out.append(it.next());
+    return out;
 }
 
 inline QByteArray realmUri() { return RealmEnv::get().bytes(QStringLiteral("LDAP_URI")); }

@@ -2,7 +2,8 @@
 // a listener that never answers, one whose connection queue is full, and a
 // slapd of this test's own realm stopped with SIGSTOP after the bind. Without
 // the key the session gets no timeout options and searches keep their
-// 30-second limit.
+// 30-second limit. The same realm limits the entries of a paged search to
+// 20 in all, so that a later page fails: the listing is all or nothing.
 //
 // Durations are not asserted: the result codes show that the timeout ended
 // each call, and a hang guard of ten times the timeout catches a call that
@@ -25,6 +26,8 @@
 namespace {
 
 const int kTimeoutSeconds = 2;
+// The realm's limit on the entries of one paged search, all pages together.
+const int kPagedTotal = 20;
 const qint64 kHangGuardMs = 10 * kTimeoutSeconds * 1000;
 
 // A realm of this test's own, in a temporary directory: its slapd is stopped
@@ -167,6 +170,7 @@ class TestLimits : public QObject {
 
 private:
     OwnRealm m_realm;
+    int m_users = 0;
 
     zelmora::ObjectInfo ownSettings(const QString &method, const QString &timeout = QString()) const
     {
@@ -188,7 +192,13 @@ private slots:
     void initTestCase()
     {
         QString error;
-        QVERIFY2(m_realm.start({QStringLiteral("--bulk"), QStringLiteral("30")}, &error), qPrintable(error));
+        QVERIFY2(m_realm.start({QStringLiteral("--bulk"), QStringLiteral("30"), QStringLiteral("--size-limit"),
+                                QStringLiteral("size.soft=1000 size.hard=1000 size.pr=1000 size.prtotal=%1").arg(kPagedTotal)},
+                               &error),
+                 qPrintable(error));
+        m_users = m_realm.env().value(QStringLiteral("FIXED_USER_COUNT")).toInt()
+            + m_realm.env().value(QStringLiteral("BULK_USERS")).toInt();
+        QVERIFY(m_users > kPagedTotal);
     }
 
     void cleanupTestCase() { m_realm.stop(); }
@@ -329,9 +339,26 @@ private slots:
     // slapd stops after the bind: the listing, the iterator and the account
     // check each fail as a failed search does, and the session works again
     // once the server continues.
+    void searchesGiveUpOnStoppedServer_data()
+    {
+        QTest::addColumn<QString>("pageSize");
+        QTest::newRow("unpaged") << QString();
+        QTest::newRow("paged") << QStringLiteral("50");
+    }
+
     void searchesGiveUpOnStoppedServer()
     {
-        ZMLDAP ldap(ownSettings(QStringLiteral("1"), QString::number(kTimeoutSeconds)));
+        QFETCH(QString, pageSize);
+        zelmora::ObjectInfo settings = ownSettings(QStringLiteral("1"), QString::number(kTimeoutSeconds));
+        if (!pageSize.isNull())
+            settings.params.insert(zmldap::key::PAGE_SIZE, pageSize);
+        // Fewer users than the paged total, so that both forms can list them.
+        const QString base = m_realm.env().value(QStringLiteral("USERS_DN"));
+        settings.params.insert(QStringLiteral("PT_BASE_DN"), base);
+        const int users = ldapspy::readEntries(m_realm.env().bytes(QStringLiteral("LDAP_URI")), base.toUtf8(), LDAP_SCOPE_SUBTREE,
+                                               kDefaultFilter.toUtf8()).size();
+        QVERIFY(users > 0 && users < kPagedTotal);
+        ZMLDAP ldap(settings);
         QCOMPARE(ldap.connect(), 0);
         LogCapture log;
         QList<zelmora::ObjectInfo> list;
@@ -358,8 +385,44 @@ private slots:
             QCOMPARE(lines(log).last(), lcrit(fn::checkADUser, timedOut(QStringLiteral("ldap_search_ext_s"))));
         }
         QVERIFY(ldap.getUserList(list, kLogin));
-        QCOMPARE(list.size(), m_realm.env().value(QStringLiteral("FIXED_USER_COUNT")).toInt()
-                                  + m_realm.env().value(QStringLiteral("BULK_USERS")).toInt());
+        QCOMPARE(list.size(), users);
+    }
+
+    // The server ends the third page of 7 with code 4 (20 entries in all):
+    // what the first pages gave is not kept, the caller's records are.
+    void pagedListingIsAllOrNothing()
+    {
+        zelmora::ObjectInfo settings = ownSettings(QStringLiteral("0"));
+        settings.params.insert(zmldap::key::PAGE_SIZE, QStringLiteral("7"));
+        ZMLDAP ldap(settings);
+        QCOMPARE(ldap.connect(), 0);
+        LogCapture log;
+        zelmora::ObjectInfo mine;
+        mine.type = QStringLiteral("OT_MINE");
+        QList<zelmora::ObjectInfo> list{mine};
+        QVERIFY(!ldap.getUserList(list, kLogin));
+        QCOMPARE(list.size(), 1);
+        QCOMPARE(list.first().type, QStringLiteral("OT_MINE"));
+        const QString sizeLimit = QStringLiteral("ldap_search_ext_s error ") + hexText(LDAP_SIZELIMIT_EXCEEDED);
+        QCOMPARE(lines(log).mid(1), (QStringList{ldbg(fn::userList, QStringLiteral("Entries 7")),
+                                                 ldbg(fn::userList, QStringLiteral("Entries 7")),
+                                                 lcrit(fn::userList, sizeLimit + QLatin1Char(' ')
+                                                                         + QString::fromUtf8(ldap_err2string(LDAP_SIZELIMIT_EXCEEDED)))}));
+        QCOMPARE(ldapspy::pagedSearches().size(), 3);
+
+        log.clear();
+        ZMLDAPObjectIterator it(&ldap, kLogin);
+        QCOMPARE(it.size(), 0);
+        QVERIFY(it.first().params.isEmpty());
+        QCOMPARE(lines(log), (QStringList{ldbg(fn::iteratorCtor, QStringLiteral("Entries 7")),
+                                          ldbg(fn::iteratorCtor, QStringLiteral("Entries 7")),
+                                          lcrit(fn::iteratorCtor, sizeLimit)}));
+
+        // The limit is on paged searches: the unpaged listing gets everyone.
+        ZMLDAP unpaged(ownSettings(QStringLiteral("0")));
+        QCOMPARE(unpaged.connect(), 0);
+        QVERIFY(unpaged.getUserList(list, kLogin));
+        QCOMPARE(list.size(), 1 + m_users);
     }
 };
 
