@@ -1,6 +1,5 @@
 // The account check: does the directory hold an account with this login?
 #include "zmldap.h"
-#include "records_p.h"
 #include "zmldap_p.h"
 
 #include "zmlogging.h"
@@ -61,8 +60,9 @@ bool ZMLDAPPrivate::checkADUser(const QString &user)
     for (LDAPMessage *entry = result ? ldap_first_entry(ld.get(), result.get()) : nullptr; entry;
          entry = ldap_next_entry(ld.get(), entry)) {
         for (AttributeWalk attribute(ld.get(), entry); attribute.next();) {
-            for (int i = 0; i < attribute.count(); ++i)
-                qCDebug(ldapc) << QString::fromUtf8(attribute.name()) << decodeValue(attribute.values()[i]);
+            const ValueList values = attribute.values();
+            for (int i = 0; i < values.size(); ++i)
+                qCDebug(ldapc) << attribute.name() << decodeValue(values.at(i));
         }
     }
     return true;

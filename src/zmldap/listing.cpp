@@ -1,7 +1,6 @@
 // The user search: the one search routine, the object iterator and the user
 // listing.
 #include "zmldap.h"
-#include "records_p.h"
 #include "zmldap_p.h"
 
 #include "zmlogging.h"
@@ -57,6 +56,72 @@ void AttributeList::reset()
 {
     m_names.clear();
     m_array.reset();
+}
+
+bool AttributeWalk::first()
+{
+    m_started = true;
+    BerElement *cursor = nullptr;
+    if (m_reading == ByName) {
+        m_name.reset(ldap_first_attribute(m_ld, m_entry, &cursor));
+        m_ber.reset(cursor);
+        return m_name != nullptr;
+    }
+    // Past the entry's name to its first attribute.
+    berval dn;
+    const int rc = ldap_get_dn_ber(m_ld, m_entry, &cursor, &dn);
+    m_ber.reset(cursor);
+    return rc == LDAP_SUCCESS && m_ber;
+}
+
+bool AttributeWalk::next()
+{
+    m_values.reset();
+    m_inPlace.reset();
+    m_count = 0;
+    m_nameData = nullptr;
+    m_nameSize = 0;
+    if (m_reading == ByName) {
+        if (!m_started) {
+            if (!first())
+                return false;
+        } else if (m_name) {
+            m_name.reset(ldap_next_attribute(m_ld, m_entry, m_ber.get()));
+        }
+        if (!m_name)
+            return false;
+        m_nameData = m_name.get();
+        m_nameSize = std::strlen(m_nameData);
+        m_values.reset(ldap_get_values_len(m_ld, m_entry, m_name.get()));
+        m_count = m_values ? ldap_count_values_len(m_values.get()) : 0;
+        return true;
+    }
+
+    if (!m_started && !first())
+        return false;
+    if (!m_ber)
+        return false;
+    berval name = {0, nullptr};
+    berval *values = nullptr;
+    const int rc = ldap_get_attribute_ber(m_ld, m_entry, m_ber.get(), &name, &values);
+    m_inPlace.reset(values);
+    if (rc != LDAP_SUCCESS || !name.bv_val) {
+        // The end of the entry (or a value that does not decode): no more.
+        m_ber.reset();
+        return false;
+    }
+    m_nameData = name.bv_val;
+    m_nameSize = name.bv_len;
+    while (values && values[m_count].bv_val)
+        ++m_count;
+    return true;
+}
+
+ValueList AttributeWalk::values() const
+{
+    if (m_reading == ByName)
+        return ValueList(m_values.get(), m_count);
+    return ValueList(m_inPlace.get(), m_count);
 }
 
 DirectorySearch::DirectorySearch(LDAP *ld, int scope, const QHash<QString, QString> &settings)
@@ -254,12 +319,13 @@ bool ZMLDAPPrivate::getUserList(QList<zelmora::ObjectInfo> &list, const QHash<QS
     // The mapping is split into fields once for the whole listing. With no
     // mapping every attribute goes under the empty key, the last one winning.
     AttributeTargets targets(mapping);
-    const auto unpack = [&](LDAPMessage *entry) {
+    const auto unpack = [&](LDAPMessage *entry, AttributeWalk::Reading reading) {
         zelmora::ObjectInfo record;
         record.type = resultObjectType;
-        for (AttributeWalk attribute(ld.get(), entry); attribute.next();) {
+        for (AttributeWalk attribute(ld.get(), entry, reading); attribute.next();) {
             if (attribute.count() > 0)
-                storeAttribute(record.params, targets.find(attribute.name()), attribute.values(), attribute.count());
+                storeAttribute(record.params, targets.find(attribute.nameData(), attribute.nameSize()),
+                               attribute.values());
         }
         return record;
     };
@@ -275,7 +341,7 @@ bool ZMLDAPPrivate::getUserList(QList<zelmora::ObjectInfo> &list, const QHash<QS
             MessagePtr entry;
             const DirectorySearch::Step step = search.next(entry);
             if (step == DirectorySearch::Entry) {
-                list.append(unpack(entry.get()));
+                list.append(unpack(entry.get(), AttributeWalk::InPlace));
             } else if (step == DirectorySearch::PageEnd) {
                 total += search.pageEntries();
                 qCDebug(ldapc) << "Entries" << search.pageEntries();
@@ -313,7 +379,7 @@ bool ZMLDAPPrivate::getUserList(QList<zelmora::ObjectInfo> &list, const QHash<QS
     int taken = 0;
     for (LDAPMessage *entry = result ? ldap_first_entry(ld.get(), result.get()) : nullptr; entry;
          entry = ldap_next_entry(ld.get(), entry)) {
-        list.append(unpack(entry));
+        list.append(unpack(entry, AttributeWalk::ByName));
         if (++taken == count)
             return true;
     }
@@ -459,16 +525,19 @@ zelmora::ObjectInfo ZMLDAPObjectIteratorPrivate::unpackEntry()
     zelmora::ObjectInfo record;
     qCDebug(ldapc) << QStringLiteral("----------------------- NEW ENTRY -----------------------");
 
-    for (AttributeWalk attribute(ldap->d->ld.get(), current); attribute.next();) {
+    // Entries of a paged search are read in place, as the listing does.
+    const AttributeWalk::Reading reading = entries.empty() ? AttributeWalk::ByName : AttributeWalk::InPlace;
+    for (AttributeWalk attribute(ldap->d->ld.get(), current, reading); attribute.next();) {
         const int n = attribute.count();
         if (n == 0)
             continue;
 
+        const ValueList values = attribute.values();
         QStringList texts;
         texts.reserve(n);
         for (int i = 0; i < n; ++i)
-            texts.append(decodeValue(attribute.values()[i]));
-        const QString attributeName = QString::fromUtf8(attribute.name());
+            texts.append(decodeValue(values.at(i)));
+        const QString attributeName = attribute.name();
         qCDebug(ldapc) << "\tATTRIBUTE" << attributeName << "---" << texts;
 
         // With no mapping every attribute keeps its own name; with one,

@@ -53,29 +53,31 @@ QString decodeValue(const berval *value)
     return len ? QString::fromUtf8(value->bv_val, len) : QString::fromLatin1("");
 }
 
-QString joinedValues(berval **values, int n)
+QString joinedValues(const ValueList &values)
 {
+    const int n = values.size();
     if (n == 1)
-        return decodeValue(values[0]);
+        return decodeValue(values.at(0));
     // Decoding the joined bytes once gives the same text as decoding each value
     // and joining, with one exception: the decoder drops a byte-order mark at
     // the start of its input, so a later value that starts with one is decoded
     // on its own.
     QVarLengthArray<char, 1024> bytes;
     for (int i = 0; i < n; ++i) {
-        const int len = textLength(values[i]);
+        const berval *value = values.at(i);
+        const int len = textLength(value);
         if (i > 0) {
-            if (len >= 3 && std::memcmp(values[i]->bv_val, "\xEF\xBB\xBF", 3) == 0) {
+            if (len >= 3 && std::memcmp(value->bv_val, "\xEF\xBB\xBF", 3) == 0) {
                 QStringList parts;
                 parts.reserve(n);
                 for (int j = 0; j < n; ++j)
-                    parts.append(decodeValue(values[j]));
+                    parts.append(decodeValue(values.at(j)));
                 return parts.join(QLatin1Char(';'));
             }
             bytes.append(';');
         }
         if (len)
-            bytes.append(values[i]->bv_val, len);
+            bytes.append(value->bv_val, len);
     }
     return QString::fromUtf8(bytes.constData(), bytes.size());
 }
@@ -204,14 +206,14 @@ void storeValues(QHash<QString, QString> &params, FieldTarget &target, const QSt
     }
 }
 
-void storeAttribute(QHash<QString, QString> &params, FieldTarget &target, berval **values, int n)
+void storeAttribute(QHash<QString, QString> &params, FieldTarget &target, const ValueList &values)
 {
-    if (n == 1 && target.fields.size() < 2 && !target.pools.empty()) {
-        const berval *value = values[0];
+    if (values.size() == 1 && target.fields.size() < 2 && !target.pools.empty()) {
+        const berval *value = values.at(0);
         params.insert(target.key, target.pools[0].shareBytes(value->bv_val, textLength(value)));
         return;
     }
-    storeValues(params, target, joinedValues(values, n));
+    storeValues(params, target, joinedValues(values));
 }
 
 // ---------------------------------------------------------------------------
@@ -236,11 +238,10 @@ AttributeTargets::AttributeTargets(const QHash<QString, QString> &mapping)
     }
 }
 
-FieldTarget &AttributeTargets::find(const char *attribute)
+FieldTarget &AttributeTargets::find(const char *attribute, size_t len)
 {
     if (m_mapping.isEmpty())
         return m_unmapped;
-    const size_t len = std::strlen(attribute);
     const auto it = m_index.find(bytesKey(attribute, len));
     if (it != m_index.end())
         return m_attributes[it->second].target;

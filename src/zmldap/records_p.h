@@ -21,13 +21,39 @@
 namespace zmldap {
 namespace detail {
 
+// The values of one attribute as libldap hands them out: the list of
+// pointers that ldap_get_values_len makes, or the array of bervals that
+// ldap_get_attribute_ber reads in place.
+class ValueList {
+public:
+    ValueList() = default;
+    ValueList(berval **list, int n)
+        : m_list(list)
+        , m_size(n)
+    {
+    }
+    ValueList(berval *array, int n)
+        : m_array(array)
+        , m_size(n)
+    {
+    }
+
+    int size() const { return m_size; }
+    const berval *at(int i) const { return m_list ? m_list[i] : &m_array[i]; }
+
+private:
+    berval **m_list = nullptr;
+    berval *m_array = nullptr;
+    int m_size = 0;
+};
+
 // Length of a value up to its first zero byte: directory values are text here,
 // binary ones included, so a GUID or a photo ends at its first zero.
 int textLength(const berval *value);
 // The value's text: its bytes up to the first zero, as UTF-8.
 QString decodeValue(const berval *value);
-// All n values of one attribute as one text, joined with ";".
-QString joinedValues(berval **values, int n);
+// All values of one attribute as one text, joined with ";".
+QString joinedValues(const ValueList &values);
 
 // Keys of the lookup tables: bytes (an attribute name, a value's UTF-8 form)
 // or text (UTF-16 units), viewed in storage that the table's entry owns.
@@ -98,9 +124,9 @@ FieldTarget makeTarget(const QString &key, bool pooled = false);
 // words, and fields left without a word are stored empty.
 void storeValues(QHash<QString, QString> &params, FieldTarget &target, const QString &joined);
 
-// Stores the n values of one attribute by the target's rule; a single value
+// Stores the values of one attribute by the target's rule; a single value
 // of a pooled one-field target is looked up by its bytes.
-void storeAttribute(QHash<QString, QString> &params, FieldTarget &target, berval **values, int n);
+void storeAttribute(QHash<QString, QString> &params, FieldTarget &target, const ValueList &values);
 
 // The mapping of one listing, prepared once: attribute names are matched by
 // their bytes as the server sends them, without decoding each name. With an
@@ -108,7 +134,8 @@ void storeAttribute(QHash<QString, QString> &params, FieldTarget &target, berval
 class AttributeTargets {
 public:
     explicit AttributeTargets(const QHash<QString, QString> &mapping);
-    FieldTarget &find(const char *attribute);
+    // The target of an attribute name given by its UTF-8 bytes.
+    FieldTarget &find(const char *attribute, size_t len);
 
 private:
     struct MappedAttribute {

@@ -2,6 +2,7 @@
 #define ZMLDAP_P_H
 
 #include "zmldap.h"
+#include "records_p.h"
 
 #include <QHash>
 #include <QList>
@@ -41,7 +42,7 @@ struct ControlsFree {
     void operator()(LDAPControl **controls) const { ldap_controls_free(controls); }
 };
 struct BerMemFree {
-    void operator()(char *p) const { ber_memfree(p); }
+    void operator()(void *p) const { ber_memfree(p); }
 };
 using SessionPtr = std::unique_ptr<LDAP, SessionFree>;
 using MessagePtr = std::unique_ptr<LDAPMessage, MessageFree>;
@@ -93,49 +94,47 @@ private:
 };
 
 // The one walk over the attributes of an entry, in the server's order:
-//     for (AttributeWalk a(ld, entry); a.next();) { a.name(), a.values(), a.count() }
-// values() is null (count() 0) for an attribute without a value list. Names,
-// values and the cursor are released as the walk moves on.
+//     for (AttributeWalk a(ld, entry); a.next();) { a.name(), a.values() }
+// ByName asks for each attribute by name (ldap_first_attribute,
+// ldap_next_attribute, ldap_get_values_len), as the unpaged operations do;
+// InPlace reads names and values where they lie in the entry
+// (ldap_get_attribute_ber), without copying them or looking each attribute
+// up again: the paged search's way. An attribute without a value list has
+// no values. Whatever the walk holds is released as it moves on.
 class AttributeWalk {
 public:
-    AttributeWalk(LDAP *ld, LDAPMessage *entry)
+    enum Reading { ByName, InPlace };
+
+    AttributeWalk(LDAP *ld, LDAPMessage *entry, Reading reading = ByName)
         : m_ld(ld)
         , m_entry(entry)
+        , m_reading(reading)
     {
     }
 
-    bool next()
-    {
-        m_values.reset();
-        if (!m_started) {
-            m_started = true;
-            BerElement *cursor = nullptr;
-            m_name.reset(ldap_first_attribute(m_ld, m_entry, &cursor));
-            m_ber.reset(cursor);
-        } else if (m_name) {
-            m_name.reset(ldap_next_attribute(m_ld, m_entry, m_ber.get()));
-        }
-        if (!m_name) {
-            m_count = 0;
-            return false;
-        }
-        m_values.reset(ldap_get_values_len(m_ld, m_entry, m_name.get()));
-        m_count = m_values ? ldap_count_values_len(m_values.get()) : 0;
-        return true;
-    }
+    bool next();
 
-    const char *name() const { return m_name.get(); }
-    berval **values() const { return m_values.get(); }
+    // The attribute name's UTF-8 bytes (not zero-terminated when InPlace).
+    const char *nameData() const { return m_nameData; }
+    size_t nameSize() const { return m_nameSize; }
+    QString name() const { return QString::fromUtf8(m_nameData, int(m_nameSize)); }
+    ValueList values() const;
     int count() const { return m_count; }
 
 private:
+    bool first();
+
     LDAP *m_ld;
     LDAPMessage *m_entry;
-    BerPtr m_ber;
-    AttributePtr m_name;
-    ValuesPtr m_values;
-    int m_count = 0;
+    Reading m_reading;
     bool m_started = false;
+    BerPtr m_ber;
+    AttributePtr m_name;            // ByName
+    ValuesPtr m_values;             // ByName
+    std::unique_ptr<berval, BerMemFree> m_inPlace;   // InPlace: the array of values
+    const char *m_nameData = nullptr;
+    size_t m_nameSize = 0;
+    int m_count = 0;
 };
 
 // The one search of the directory code. The account check, the iterator and
