@@ -15,6 +15,24 @@ enum Scope {
     OneLevel = 1,
     Subtree = 2
 };
+
+// Optional keys of the directory settings record, beyond the system's own.
+// Absent, "0", empty or not a positive integer: off, and the directory object
+// behaves exactly as without them.
+namespace key {
+// Page size N: the iterator and the user listing search with the simple paged
+// results control, N entries per page, and read every page.
+const QString PAGE_SIZE = QStringLiteral("PT_PAGE_SIZE");
+// Seconds S: connect() gives up on the TCP connection and on every bind after
+// S seconds, and every search waits at most S seconds (at most 30 in any case).
+const QString TIMEOUT = QStringLiteral("PT_TIMEOUT");
+} // namespace key
+
+// A text made safe to use as the value of a search filter's assertion
+// (RFC 4515): *, (, ), \ and NUL become \2a, \28, \29, \5c and \00; every
+// other character, non-ASCII included, stays as it is. Escape every name a
+// user typed before it reaches ZMLDAP::checkADUser, which takes it as it is.
+ZMAUTH_EXPORT QString escapeFilterValue(const QString &value);
 } // namespace zmldap
 
 // The four answers a SASL bind asks for, as C strings owned by the record.
@@ -76,7 +94,7 @@ public:
 
 private:
     friend class ZMLDAPObjectIteratorPrivate;
-    ZMLDAPPrivate *d;
+    ZMLDAPPrivate *const d;
 };
 
 // One synchronous search over a connected directory; hands the entries out as
@@ -97,7 +115,7 @@ public:
     zelmora::ObjectInfo next();
 
 private:
-    ZMLDAPObjectIteratorPrivate *d;
+    ZMLDAPObjectIteratorPrivate *const d;
 };
 
 #endif // ZMLDAP_H

@@ -10,8 +10,12 @@
 #   floor        bench_ldap_floor: one ldap_search_ext_s, then a walk of every
 #                entry, attribute and value (the floor for this design)
 #   getUserList  bench_ldap_userlist: ZMLDAP::getUserList with the mapping
+#   paged        the same with PT_PAGE_SIZE 1000 (PAGE_SIZE=N to change it):
+#                the paged listing, which streams
 # Each is run once to warm the server, then RUNS times interleaved; the table
-# shows the fastest wall time and the median peak resident memory.
+# shows the fastest and the median wall time and the median peak resident
+# memory; the ratios are to the floor's fastest time and median memory.
+# PROGRAMS="paged" (any of the four, blank-separated) runs only those.
 set -euo pipefail
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 root=$(cd "$here/../.." && pwd)
@@ -52,7 +56,7 @@ measure() {
 min() { sort -n | head -1; }
 median() { sort -n | awk '{a[NR]=$1} END{print a[int((NR+1)/2)]}'; }
 
-printf '%-8s %-8s %-12s %9s %10s %9s %9s\n' users mapping program "wall s" "peak MiB" "x wall" "x memory"
+printf '%-8s %-8s %-12s %9s %9s %10s %9s %9s\n' users mapping program "wall s" "wall med" "peak MiB" "x wall" "x memory"
 for users in "${sizes[@]}"; do
     realm=$(mktemp -d /tmp/zmauth-bench.XXXXXX)
     rmdir "$realm"
@@ -63,12 +67,14 @@ for users in "${sizes[@]}"; do
         read -r -a attrs <<<"${attributes[$set]}"
         IFS='|' read -r -a pairs <<<"${mapping[$set]}"
         declare -A walls=() mems=()
-        commands=(ldapsearch floor getUserList)
+        read -r -a commands <<<"${PROGRAMS:-ldapsearch floor getUserList paged}"
         run_one() {
             case $1 in
                 ldapsearch) measure ldapsearch -x -LLL -H "$LDAP_URI" -b "$BULK_DN" "$filter" "${attrs[@]}" ;;
                 floor) measure "$floor" "$LDAP_URI" "$BULK_DN" "$filter" "${attrs[@]}" ;;
                 getUserList) QT_LOGGING_RULES='platform.lib.zmauth.ldap.debug=false' \
+                    measure "$userlist" "$LDAP_HOST" "$LDAP_PORT" "$BULK_DN" "$filter" "${pairs[@]}" ;;
+                paged) QT_LOGGING_RULES='platform.lib.zmauth.ldap.debug=false' PAGE_SIZE=${PAGE_SIZE:-1000} \
                     measure "$userlist" "$LDAP_HOST" "$LDAP_PORT" "$BULK_DN" "$filter" "${pairs[@]}" ;;
             esac
         }
@@ -80,13 +86,16 @@ for users in "${sizes[@]}"; do
                 mems[$c]+="$k "
             done
         done
-        fw=$(tr ' ' '\n' <<<"${walls[floor]}" | grep . | min)
-        fm=$(tr ' ' '\n' <<<"${mems[floor]}" | grep . | median)
+        fw=$(tr ' ' '\n' <<<"${walls[floor]:-}" | grep . | min || true)
+        fm=$(tr ' ' '\n' <<<"${mems[floor]:-}" | grep . | median || true)
         for c in "${commands[@]}"; do
             w=$(tr ' ' '\n' <<<"${walls[$c]}" | grep . | min)
+            wm=$(tr ' ' '\n' <<<"${walls[$c]}" | grep . | median)
             m=$(tr ' ' '\n' <<<"${mems[$c]}" | grep . | median)
-            awk -v u="$users" -v set="$set" -v c="$c" -v w="$w" -v m="$m" -v fw="$fw" -v fm="$fm" \
-                'BEGIN { printf "%-8s %-8s %-12s %9.2f %10.1f %9.2f %9.2f\n", u, set, c, w, m / 1024, w / fw, m / fm }'
+            # Without the floor in the run there are no ratios.
+            awk -v u="$users" -v set="$set" -v c="$c" -v w="$w" -v wm="$wm" -v m="$m" -v fw="$fw" -v fm="$fm" \
+                'BEGIN { printf "%-8s %-8s %-12s %9.2f %9.2f %10.1f", u, set, c, w, wm, m / 1024
+                         if (fw > 0) printf " %9.2f %9.2f\n", w / fw, m / fm; else printf " %9s %9s\n", "-", "-" }'
         done
     done
     cleanup

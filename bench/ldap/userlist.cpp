@@ -2,6 +2,8 @@
 // getUserList with the mapping, and the records kept until it returns.
 //
 //   bench_ldap_userlist HOST PORT BASE FILTER ATTRIBUTE=FIELDS...
+//
+// PAGE_SIZE=N in the environment sets PT_PAGE_SIZE: the paged listing.
 #include "zmldap.h"
 
 #include <QCoreApplication>
@@ -22,6 +24,8 @@ int main(int argc, char **argv)
     settings.params.insert(QStringLiteral("PT_BASE_DN"), QString::fromLocal8Bit(argv[3]));
     settings.params.insert(QStringLiteral("PT_USER_FILTER"), QString::fromLocal8Bit(argv[4]));
     settings.params.insert(QStringLiteral("PT_METHOD"), QStringLiteral("0"));
+    if (qEnvironmentVariableIsSet("PAGE_SIZE"))
+        settings.params.insert(zmldap::key::PAGE_SIZE, qEnvironmentVariable("PAGE_SIZE"));
     QHash<QString, QString> mapping;
     for (int i = 5; i < argc; ++i) {
         const QString pair = QString::fromLocal8Bit(argv[i]);

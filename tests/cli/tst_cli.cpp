@@ -18,8 +18,10 @@
 
 #include <csignal>
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <pty.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
@@ -155,21 +157,28 @@ private:
         return path;
     }
 
-    QJsonObject settingsObject() const
+    // The realm with bulk users and a domain controller's size limits.
+    static const RealmEnv &cappedEnv()
+    {
+        static const RealmEnv env = RealmEnv::fromDir(qEnvironmentVariable("ZMAUTH_CAPPED_REALM_DIR"));
+        return env;
+    }
+
+    static QJsonObject settingsObject(const RealmEnv &realm)
     {
         return QJsonObject{
-            {QStringLiteral("PT_HOST"), env().value(QStringLiteral("LDAP_HOST"))},
-            {QStringLiteral("PT_PORT"), env().value(QStringLiteral("LDAP_PORT"))},
+            {QStringLiteral("PT_HOST"), realm.value(QStringLiteral("LDAP_HOST"))},
+            {QStringLiteral("PT_PORT"), realm.value(QStringLiteral("LDAP_PORT"))},
             {QStringLiteral("PT_METHOD"), QStringLiteral("1")},
-            {QStringLiteral("PT_USER"), env().value(QStringLiteral("USER_NAME"))},
-            {QStringLiteral("PT_USER_PASSWORD"), env().value(QStringLiteral("USER_PASSWORD"))},
-            {QStringLiteral("PT_BASE_DN"), env().value(QStringLiteral("BASE_DN"))},
+            {QStringLiteral("PT_USER"), realm.value(QStringLiteral("USER_NAME"))},
+            {QStringLiteral("PT_USER_PASSWORD"), realm.value(QStringLiteral("USER_PASSWORD"))},
+            {QStringLiteral("PT_BASE_DN"), realm.value(QStringLiteral("BASE_DN"))},
         };
     }
 
-    QString settingsFile(const QString &name, const QJsonObject &changes = QJsonObject())
+    QString settingsFile(const QString &name, const QJsonObject &changes = QJsonObject(), const RealmEnv &realm = RealmEnv::get())
     {
-        QJsonObject object = settingsObject();
+        QJsonObject object = settingsObject(realm);
         for (auto it = changes.begin(); it != changes.end(); ++it)
             object.insert(it.key(), it.value());
         return writeFile(name, QJsonDocument(object).toJson());
@@ -253,6 +262,8 @@ private slots:
         QTest::newRow("users bad format") << QStringList{QStringLiteral("ldap"), QStringLiteral("users"), QStringLiteral("--settings"), QStringLiteral("x.json"), QStringLiteral("--format"), QStringLiteral("xml")};
         QTest::newRow("check without name") << QStringList{QStringLiteral("ldap"), QStringLiteral("check"), QStringLiteral("--settings"), QStringLiteral("x.json")};
         QTest::newRow("check two names") << QStringList{QStringLiteral("ldap"), QStringLiteral("check"), QStringLiteral("a"), QStringLiteral("b"), QStringLiteral("--settings"), QStringLiteral("x.json")};
+        QTest::newRow("users page size not a number") << QStringList{QStringLiteral("ldap"), QStringLiteral("users"), QStringLiteral("--settings"), QStringLiteral("x.json"), QStringLiteral("--page-size"), QStringLiteral("ten")};
+        QTest::newRow("check negative timeout") << QStringList{QStringLiteral("ldap"), QStringLiteral("check"), QStringLiteral("a"), QStringLiteral("--settings"), QStringLiteral("x.json"), QStringLiteral("--timeout=-1")};
         QTest::newRow("sso without target") << QStringList{QStringLiteral("sso"), QStringLiteral("--user"), QStringLiteral("a"), QStringLiteral("--realm"), QStringLiteral("R"), QStringLiteral("--keytab"), QStringLiteral("k")};
     }
 
@@ -263,6 +274,37 @@ private slots:
         QVERIFY2(run.exitCode == 2, describe(run));
         QVERIFY2(run.out.isEmpty(), describe(run));
         QVERIFY2(!run.err.isEmpty(), describe(run));
+    }
+
+    // Both directory commands take the page size and the timeout; check also --raw.
+    void directoryOptionsInHelp_data()
+    {
+        QTest::addColumn<QString>("sub");
+        QTest::addColumn<QStringList>("options");
+        QTest::newRow("users") << QStringLiteral("users") << QStringList{QStringLiteral("--page-size <N>"), QStringLiteral("--timeout <S>")};
+        QTest::newRow("check") << QStringLiteral("check")
+                               << QStringList{QStringLiteral("--page-size <N>"), QStringLiteral("--timeout <S>"), QStringLiteral("--raw")};
+    }
+
+    void directoryOptionsInHelp()
+    {
+        QFETCH(QString, sub);
+        QFETCH(QStringList, options);
+        const Run run = runTool({QStringLiteral("ldap"), sub, QStringLiteral("--help")});
+        QVERIFY2(run.exitCode == 0, describe(run));
+        for (const QString &option : options)
+            QVERIFY2(run.outText().contains(option), describe(run));
+        QVERIFY2(run.outText().contains(QStringLiteral("PT_PAGE_SIZE")) && run.outText().contains(QStringLiteral("PT_TIMEOUT")),
+                 describe(run));
+    }
+
+    void numbersAreWholeNumbers()
+    {
+        const Run run = runTool({QStringLiteral("ldap"), QStringLiteral("users"), QStringLiteral("--settings"), QStringLiteral("x.json"),
+                                 QStringLiteral("--page-size"), QStringLiteral("1.5")});
+        QVERIFY2(run.exitCode == 2, describe(run));
+        QCOMPARE(run.errText(), QStringLiteral("zmauth ldap users: --page-size takes a whole number, not '1.5'\n"
+                                               "Try 'zmauth ldap users --help'.\n"));
     }
 
     // Commands that take no arguments say which one they did not expect;
@@ -583,6 +625,10 @@ private slots:
         QTest::newRow("two entries, one login") << "twin" << 0 << "found";
         QTest::newRow("nobody") << "mallory" << 1 << "not found";
         QTest::newRow("a computer account has a login too") << "WS01$" << 0 << "found";
+        // Escaped for the filter: looked up as text.
+        QTest::newRow("a star is a star") << "*" << 1 << "not found";
+        QTest::newRow("a prefix is a name") << "ali*" << 1 << "not found";
+        QTest::newRow("parentheses are part of the name") << "alice)(sAMAccountName=*" << 1 << "not found";
     }
 
     void check()
@@ -597,13 +643,85 @@ private slots:
         QVERIFY2(run.err.isEmpty(), describe(run));
     }
 
-    void checkWildcardWarns()
+    void checkRawWildcardWarns()
     {
-        const Run run = runTool({QStringLiteral("ldap"), QStringLiteral("check"), QStringLiteral("*"),
+        const Run run = runTool({QStringLiteral("ldap"), QStringLiteral("check"), QStringLiteral("*"), QStringLiteral("--raw"),
                                  QStringLiteral("--settings"), settingsFile(QStringLiteral("s.json"))});
         QVERIFY2(run.exitCode == 0, describe(run));
         QCOMPARE(run.outText(), QStringLiteral("found\n"));
         QVERIFY2(run.errText().contains(QStringLiteral("'*' matches any account")), describe(run));
+    }
+
+    // ---- against the capped realm: more users than one unpaged search returns
+
+    // The tool pages by default; 0 asks for the unpaged search, which the
+    // server cuts; the option wins over the settings file's key.
+    void pageSize_data()
+    {
+        QTest::addColumn<QString>("fileValue");
+        QTest::addColumn<QStringList>("options");
+        QTest::addColumn<int>("exitCode");
+        QTest::addColumn<QString>("error");
+        const QString sizeLimit = QStringLiteral("zmauth ldap users: user listing failed: ldap_search_ext_s error 4 Size limit exceeded");
+        QTest::newRow("default") << QString() << QStringList{} << 0 << QString();
+        QTest::newRow("option") << QString() << QStringList{QStringLiteral("--page-size"), QStringLiteral("1000")} << 0 << QString();
+        QTest::newRow("file") << QStringLiteral("300") << QStringList{} << 0 << QString();
+        QTest::newRow("unpaged by option") << QString() << QStringList{QStringLiteral("--page-size"), QStringLiteral("0")} << 4 << sizeLimit;
+        QTest::newRow("unpaged by file") << QStringLiteral("0") << QStringList{} << 4 << sizeLimit;
+        QTest::newRow("option wins over the file") << QStringLiteral("0") << QStringList{QStringLiteral("--page-size=7")} << 0 << QString();
+        QTest::newRow("above the server's limit") << QString() << QStringList{QStringLiteral("--page-size"), QStringLiteral("1001")} << 4
+                                                  << QStringLiteral("zmauth ldap users: user listing failed: ldap_search_ext_s error b Administrative limit exceeded");
+    }
+
+    void pageSize()
+    {
+        QFETCH(QString, fileValue);
+        QFETCH(QStringList, options);
+        QFETCH(int, exitCode);
+        QFETCH(QString, error);
+        QVERIFY2(cappedEnv().isValid(), "the capped realm is not running (ZMAUTH_CAPPED_REALM_DIR)");
+        QJsonObject changes;
+        if (!fileValue.isNull())
+            changes.insert(QStringLiteral("PT_PAGE_SIZE"), fileValue);
+        const Run run = runTool(QStringList{QStringLiteral("ldap"), QStringLiteral("users"), QStringLiteral("-f"), QStringLiteral("json"),
+                                            QStringLiteral("-s"), settingsFile(QStringLiteral("capped.json"), changes, cappedEnv()),
+                                            QStringLiteral("-m"), writeFile(QStringLiteral("m.json"), nameMapping())}
+                                + options);
+        QVERIFY2(run.exitCode == exitCode, describe(run));
+        if (exitCode != 0) {
+            QCOMPARE(run.errLines(), QStringList{error});
+            return;
+        }
+        const int users = cappedEnv().value(QStringLiteral("FIXED_USER_COUNT")).toInt() + cappedEnv().value(QStringLiteral("BULK_USERS")).toInt();
+        QVERIFY(users > 1000);
+        const QJsonArray records = QJsonDocument::fromJson(run.out).array();
+        QCOMPARE(records.size(), users);
+        QSet<QString> logins;
+        for (const QJsonValue &record : records)
+            logins.insert(record.toObject().value(QStringLiteral("params")).toObject().value(QStringLiteral("PT_LOGIN")).toString());
+        // twin is there twice.
+        QCOMPARE(logins.size(), users - 1);
+    }
+
+    // A server that takes the connection and never answers: the bind gives
+    // up after the timeout (the option wins over the file's hour).
+    void timeout()
+    {
+        const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in addr {};
+        addr.sin_family = AF_INET;
+        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        QVERIFY(::bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0 && ::listen(fd, 16) == 0);
+        socklen_t len = sizeof addr;
+        ::getsockname(fd, reinterpret_cast<sockaddr *>(&addr), &len);
+        const QString settings = settingsFile(QStringLiteral("silent.json"),
+                                              QJsonObject{{QStringLiteral("PT_PORT"), QString::number(ntohs(addr.sin_port))},
+                                                          {QStringLiteral("PT_TIMEOUT"), QStringLiteral("3600")}});
+        const Run run = runTool({QStringLiteral("ldap"), QStringLiteral("check"), QStringLiteral("alice"),
+                                 QStringLiteral("--settings"), settings, QStringLiteral("--timeout"), QStringLiteral("2")});
+        ::close(fd);
+        QVERIFY2(run.exitCode == 3, describe(run));
+        QCOMPARE(run.errLines(), QStringList{QStringLiteral("zmauth ldap check: connect failed: ldap_bind_s error -5 Timed out")});
     }
 
     void debugRecordsOnlyWithVerbose()

@@ -33,6 +33,7 @@ struct State {
     bool answerBind = false;
     int bindRc = 0;
     QList<SearchCall> searches;
+    QList<SearchCall> pagedSearches;
     bool forceSearch = false;
     int searchRc = 0;
     bool forceCount = false;
@@ -78,6 +79,10 @@ int ldap_set_option(LDAP *ld, int option, const void *invalue)
     call.nullValue = invalue == nullptr;
     if (invalue && (option == LDAP_OPT_PROTOCOL_VERSION || option == LDAP_OPT_TIMELIMIT))
         call.intValue = *static_cast<const int *>(invalue);
+    if (invalue && (option == LDAP_OPT_NETWORK_TIMEOUT || option == LDAP_OPT_TIMEOUT)) {
+        call.timeSec = long(static_cast<const timeval *>(invalue)->tv_sec);
+        call.timeUsec = long(static_cast<const timeval *>(invalue)->tv_usec);
+    }
     if (option == s.failOption)
         call.rc = s.failOptionRc;
     else
@@ -114,11 +119,11 @@ int ldap_sasl_interactive_bind_s(LDAP *ld, const char *dn, const char *mechanism
     return real_ldap_sasl_interactive_bind_s(ld, dn, mechanism, serverControls, clientControls, flags, proc, defaults);
 }
 
-int ldap_search_ext_s(LDAP *ld, const char *base, int scope, const char *filter, char **attrs, int attrsonly,
-                      LDAPControl **serverctrls, LDAPControl **clientctrls, struct timeval *timeout, int sizelimit,
-                      LDAPMessage **res)
+namespace {
+
+SearchCall searchCall(const char *base, int scope, const char *filter, char **attrs, int attrsonly,
+                      LDAPControl **serverctrls, LDAPControl **clientctrls, const struct timeval *timeout, int sizelimit)
 {
-    REAL(ldap_search_ext_s);
     SearchCall call;
     call.base = QByteArray(base ? base : "");
     call.scope = scope;
@@ -129,16 +134,44 @@ int ldap_search_ext_s(LDAP *ld, const char *base, int scope, const char *filter,
     call.attrsonly = attrsonly;
     call.hasServerControls = serverctrls != nullptr;
     call.hasClientControls = clientctrls != nullptr;
+    for (LDAPControl **c = serverctrls; c && *c; ++c) {
+        call.controlOids.append(QByteArray((*c)->ldctl_oid ? (*c)->ldctl_oid : ""));
+        call.controlCritical.append((*c)->ldctl_iscritical != 0);
+        call.controlValues.append(QByteArray((*c)->ldctl_value.bv_val, int((*c)->ldctl_value.bv_len)));
+    }
     call.hasTimeout = timeout != nullptr;
     if (timeout) {
         call.timeoutSec = long(timeout->tv_sec);
         call.timeoutUsec = long(timeout->tv_usec);
     }
     call.sizelimit = sizelimit;
+    return call;
+}
+
+} // namespace
+
+int ldap_search_ext_s(LDAP *ld, const char *base, int scope, const char *filter, char **attrs, int attrsonly,
+                      LDAPControl **serverctrls, LDAPControl **clientctrls, struct timeval *timeout, int sizelimit,
+                      LDAPMessage **res)
+{
+    REAL(ldap_search_ext_s);
+    SearchCall call = searchCall(base, scope, filter, attrs, attrsonly, serverctrls, clientctrls, timeout, sizelimit);
     call.rc = real_ldap_search_ext_s(ld, base, scope, filter, attrs, attrsonly, serverctrls, clientctrls, timeout,
                                      sizelimit, res);
     state().searches.append(call);
     return state().forceSearch ? state().searchRc : call.rc;
+}
+
+int ldap_search_ext(LDAP *ld, const char *base, int scope, const char *filter, char **attrs, int attrsonly,
+                    LDAPControl **serverctrls, LDAPControl **clientctrls, struct timeval *timeout, int sizelimit,
+                    int *msgidp)
+{
+    REAL(ldap_search_ext);
+    SearchCall call = searchCall(base, scope, filter, attrs, attrsonly, serverctrls, clientctrls, timeout, sizelimit);
+    call.rc = real_ldap_search_ext(ld, base, scope, filter, attrs, attrsonly, serverctrls, clientctrls, timeout,
+                                   sizelimit, msgidp);
+    state().pagedSearches.append(call);
+    return call.rc;
 }
 
 int ldap_count_entries(LDAP *ld, LDAPMessage *chain)
@@ -223,6 +256,7 @@ void answerSaslBind(int rc)
 }
 
 QList<SearchCall> &searches() { return state().searches; }
+QList<SearchCall> &pagedSearches() { return state().pagedSearches; }
 
 void forceSearchRc(int rc)
 {

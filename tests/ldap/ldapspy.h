@@ -27,6 +27,10 @@ struct SearchCall {
     long timeoutUsec = -1;
     int sizelimit = -1;
     int rc = 0;
+    // The server controls, in order: OID, criticality and value bytes.
+    QList<QByteArray> controlOids;
+    QList<bool> controlCritical;
+    QList<QByteArray> controlValues;
 };
 
 struct SaslBindCall {
@@ -45,6 +49,8 @@ struct SetOptionCall {
     int option = 0;
     bool nullValue = false;
     int intValue = 0;   // for the integer options
+    long timeSec = -1;  // for the two timeout options (a struct timeval)
+    long timeUsec = -1;
     int rc = 0;
 };
 
@@ -73,6 +79,10 @@ void answerSaslBind(int rc);
 
 // ldap_search_ext_s: every call as the library under test made it.
 QList<SearchCall> &searches();
+
+// ldap_search_ext (the request that ldap_result answers, as a paged search
+// sends one per page): every call as the library under test made it.
+QList<SearchCall> &pagedSearches();
 
 // ldap_search_ext_s: return this code instead of the library's (the result
 // the library made is still handed back).

@@ -9,6 +9,7 @@
 #include "logcapture.h"
 #include "realmenv.h"
 #include "zelmora.h"
+#include "zmldap.h"
 
 #include <QDebug>
 #include <QStringList>
@@ -40,7 +41,13 @@ const QString unpack = QStringLiteral("zelmora::ObjectInfo ZMLDAPObjectIteratorP
 } // namespace fn
 
 const QString kLdapCategory = QStringLiteral("platform.lib.zmauth.ldap");
-const QString kSourceFile = QStringLiteral("src/zmldap.cpp");
+// The directory code's sources: every record of the library names one of them.
+const QString kSourceDir = QStringLiteral("src/zmldap/");
+
+inline bool isDirectorySource(const QString &file)
+{
+    return file.startsWith(kSourceDir) && file.endsWith(QLatin1String(".cpp"));
+}
 
 inline QString levelName(QtMsgType type)
 {
@@ -87,7 +94,7 @@ inline QStringList lines(const LogCapture &log, bool *allFromLibrary = nullptr)
     bool ok = true;
     for (const LogRecord &r : log.records()) {
         out.append(line(r));
-        if (r.file != kSourceFile)
+        if (!isDirectorySource(r.file))
             ok = false;
     }
     if (allFromLibrary)
@@ -114,10 +121,10 @@ inline QString settingsDump(const zelmora::ObjectInfo &settings)
     return text.trimmed();
 }
 
-inline zelmora::ObjectInfo realmSettings(const QString &method, const QString &user = QString(),
+// Settings for the realm described by env (a realm.env), with a bind method.
+inline zelmora::ObjectInfo realmSettings(const RealmEnv &env, const QString &method, const QString &user = QString(),
                                          const QString &password = QString())
 {
-    const RealmEnv &env = RealmEnv::get();
     zelmora::ObjectInfo s;
     s.params.insert(QStringLiteral("PT_HOST"), env.value(QStringLiteral("LDAP_HOST")));
     s.params.insert(QStringLiteral("PT_PORT"), env.value(QStringLiteral("LDAP_PORT")));
@@ -128,6 +135,13 @@ inline zelmora::ObjectInfo realmSettings(const QString &method, const QString &u
     if (!method.isNull())
         s.params.insert(QStringLiteral("PT_METHOD"), method);
     return s;
+}
+
+// The same for this ctest run's realm.
+inline zelmora::ObjectInfo realmSettings(const QString &method, const QString &user = QString(),
+                                         const QString &password = QString())
+{
+    return realmSettings(RealmEnv::get(), method, user, password);
 }
 
 // Settings of an anonymous session (method 0) that searches under base with
@@ -218,6 +232,37 @@ inline QHash<QString, QString> expectedParams(const DirEntry &entry, const QHash
         }
     }
     return params;
+}
+
+// The iterator's debug records for one entry: the entry line, then one line
+// per attribute with values.
+inline QString entryLine()
+{
+    return ldbg(fn::unpack, QStringLiteral("\"----------------------- NEW ENTRY -----------------------\""));
+}
+
+inline QString attributeLine(const DirAttribute &a)
+{
+    QStringList values;
+    for (const QByteArray &v : a.values)
+        values.append(textOf(v));
+    QString text;
+    QDebug(&text) << "\tATTRIBUTE" << QString::fromUtf8(a.name) << "---" << values;
+    text.chop(1);   // the blank QDebug leaves after the last item
+    return ldbg(fn::unpack, text);
+}
+
+// The records of an iterator, taken with first() and next() until size()
+// are taken.
+inline QList<zelmora::ObjectInfo> takeAll(ZMLDAPObjectIterator &it)
+{
+    QList<zelmora::ObjectInfo> out;
+    if (it.size() <= 0)
+        return out;
+    out.append(it.first());
+    while (out.size() < it.size())
+        out.append(it.next());
+    return out;
 }
 
 inline QByteArray realmUri() { return RealmEnv::get().bytes(QStringLiteral("LDAP_URI")); }

@@ -184,7 +184,7 @@ private slots:
         QVERIFY2(callback.contains(QStringLiteral("Get pass ") + password), qPrintable(callback.join('\n')));
         QVERIFY(callback.contains(QStringLiteral("Get auth name ") + user));
         for (const LogRecord &r : log.records()) {
-            QCOMPARE(r.file, kSourceFile);
+            QVERIFY2(isDirectorySource(r.file), qPrintable(r.file));
             if (r.text.startsWith(QStringLiteral("Interact")) || r.text.startsWith(QStringLiteral("Get ")))
                 QCOMPARE(line(r), dbg(fn::interact, r.text));
         }
@@ -400,7 +400,7 @@ private slots:
             QVERIFY(listed || key == QStringLiteral("PT_USER_FILTER"));
         }
         for (const LogRecord &r : log.records())
-            QCOMPARE(r.file, kSourceFile);
+            QVERIFY2(isDirectorySource(r.file), qPrintable(r.file));
     }
 
     // connect() does not release a session it replaces; the test releases

@@ -14,34 +14,6 @@ const QHash<QString, QString> kNames{{QStringLiteral("cn"), QStringLiteral("PT_S
                                      {QStringLiteral("mail"), QStringLiteral("PT_EMAIL")},
                                      {QStringLiteral("description"), QStringLiteral("PT_FIRST_WORD PT_REST")}};
 
-// Records by login, taken with first() and next() until size() are taken.
-QList<zelmora::ObjectInfo> takeAll(ZMLDAPObjectIterator &it)
-{
-    QList<zelmora::ObjectInfo> out;
-    if (it.size() <= 0)
-        return out;
-    out.append(it.first());
-    while (out.size() < it.size())
-        out.append(it.next());
-    return out;
-}
-
-QString entryLine()
-{
-    return ldbg(fn::unpack, QStringLiteral("\"----------------------- NEW ENTRY -----------------------\""));
-}
-
-QString attributeLine(const DirAttribute &a)
-{
-    QStringList values;
-    for (const QByteArray &v : a.values)
-        values.append(textOf(v));
-    QString text;
-    QDebug(&text) << "\tATTRIBUTE" << QString::fromUtf8(a.name) << "---" << values;
-    text.chop(1);   // the blank QDebug leaves after the last item
-    return ldbg(fn::unpack, text);
-}
-
 } // namespace
 
 class TestIterator : public QObject {

@@ -22,14 +22,30 @@ QString ldapCategory()
     return QString::fromLatin1(ldapc().categoryName());
 }
 
-// The settings option and --verbose are shared by both subcommands.
+// The tool pages by default: it is for diagnosing real domains, whose
+// controllers stop an unpaged search at 1000 entries.
+const char *const kDefaultPageSize = "500";
+
+// The options shared by both subcommands: the settings file, the page size
+// and timeout that override the file's keys, and --verbose.
 struct DirectoryOptions {
     QCommandLineOption settings{QStringList{QStringLiteral("s"), QStringLiteral("settings")},
                                 QStringLiteral("Directory settings: a JSON object of the system's setting keys "
                                                "(PT_HOST, PT_PORT, PT_METHOD, PT_USER, PT_USER_PASSWORD, PT_BASE_DN, "
-                                               "PT_USER_FILTER, PT_USER_ID_PARAMETER, PT_USER_CUSTOM_FIELDS_PARAMETER) "
-                                               "with text values."),
+                                               "PT_USER_FILTER, PT_USER_ID_PARAMETER, PT_USER_CUSTOM_FIELDS_PARAMETER, "
+                                               "PT_PAGE_SIZE, PT_TIMEOUT) with text values."),
                                 QStringLiteral("FILE")};
+    QCommandLineOption pageSize{QStringList{QStringLiteral("page-size")},
+                                QStringLiteral("Entries per page of the user listing (PT_PAGE_SIZE). Default: the "
+                                               "settings' PT_PAGE_SIZE, else %1. 0 asks for one unpaged search, which "
+                                               "a domain controller stops at 1000 entries.")
+                                    .arg(QLatin1String(kDefaultPageSize)),
+                                QStringLiteral("N")};
+    QCommandLineOption timeout{QStringList{QStringLiteral("timeout")},
+                               QStringLiteral("Seconds to wait for the directory (PT_TIMEOUT): the connection, the "
+                                              "bind and each search give up after that long. Default: the settings' "
+                                              "PT_TIMEOUT, else no timeout (searches: 30 seconds). 0: no timeout."),
+                               QStringLiteral("S")};
     QCommandLineOption verbose{QStringList{QStringLiteral("v"), QStringLiteral("verbose")},
                                QStringLiteral("Show the library's debug records on standard error. "
                                               "They include the bind password.")};
@@ -37,7 +53,36 @@ struct DirectoryOptions {
     void addTo(QCommandLineParser &parser) const
     {
         parser.addOption(settings);
+        parser.addOption(pageSize);
+        parser.addOption(timeout);
         parser.addOption(verbose);
+    }
+
+    // Loads the settings file and applies --page-size and --timeout, which
+    // win over the file's keys. False after printing a usage error.
+    bool load(const QCommandLineParser &parser, const QString &command, zelmora::ObjectInfo &out) const
+    {
+        const QRegularExpression number(QStringLiteral("^[0-9]+$"));
+        for (const QCommandLineOption *option : {&pageSize, &timeout}) {
+            const QString name = option->names().constFirst();
+            if (parser.isSet(*option) && !number.match(parser.value(*option)).hasMatch()) {
+                printError(command, QStringLiteral("--%1 takes a whole number, not '%2'").arg(name, parser.value(*option)));
+                std::fprintf(stderr, "Try 'zmauth %s --help'.\n", qPrintable(command));
+                return false;
+            }
+        }
+        QString error;
+        if (!loadSettings(parser.value(settings), out, &error)) {
+            printError(command, error);
+            return false;
+        }
+        if (parser.isSet(pageSize))
+            out.params.insert(zmldap::key::PAGE_SIZE, parser.value(pageSize));
+        else if (!out.params.contains(zmldap::key::PAGE_SIZE))
+            out.params.insert(zmldap::key::PAGE_SIZE, QLatin1String(kDefaultPageSize));
+        if (parser.isSet(timeout))
+            out.params.insert(zmldap::key::TIMEOUT, parser.value(timeout));
+        return true;
     }
 };
 
@@ -208,12 +253,10 @@ int runUsers(const QStringList &args)
     }
 
     zelmora::ObjectInfo settings;
-    QString error;
-    if (!loadSettings(parser.value(common.settings), settings, &error)) {
-        printError(command, error);
+    if (!common.load(parser, command, settings))
         return ExitUsage;
-    }
 
+    QString error;
     const bool ownMapping = parser.isSet(mappingOption);
     FieldMapping mapping;
     if (ownMapping) {
@@ -269,10 +312,15 @@ int runCheck(const QStringList &args)
     parser.setApplicationDescription(
         QStringLiteral("Connects to the directory as the settings say and asks whether it holds an account\n"
                        "whose login attribute (PT_USER_ID_PARAMETER, by default sAMAccountName) equals NAME.\n"
-                       "Prints \"found\" or \"not found\". The name goes into the search filter as it is:\n"
-                       "'*' matches any account."));
+                       "Prints \"found\" or \"not found\". NAME is escaped for the search filter, as a\n"
+                       "program should escape what a user types: '*' and parentheses are looked up as they\n"
+                       "are. With --raw it goes into the filter as typed: '*' then matches any account."));
     DirectoryOptions common;
     common.addTo(parser);
+    const QCommandLineOption raw(QStringList{QStringLiteral("raw")},
+                                 QStringLiteral("Put NAME into the search filter as typed, as the library's account "
+                                                "check does with what it is given."));
+    parser.addOption(raw);
     parser.addPositionalArgument(QStringLiteral("NAME"), QStringLiteral("The account name to look for."));
     const int parsed = parseCommandLine(parser, command, args, Positional::Allowed);
     if (parsed >= 0)
@@ -287,15 +335,13 @@ int runCheck(const QStringList &args)
         return ExitUsage;
 
     zelmora::ObjectInfo settings;
-    QString error;
-    if (!loadSettings(parser.value(common.settings), settings, &error)) {
-        printError(command, error);
+    if (!common.load(parser, command, settings))
         return ExitUsage;
-    }
-    const QString name = names.constFirst();
-    if (name.contains(QRegularExpression(QStringLiteral("[*()\\\\\\x00]"))))
-        printWarning(command, QStringLiteral("the name holds search filter characters; they are used as they "
-                                             "are ('*' matches any account)"));
+    const bool asTyped = parser.isSet(raw);
+    const QString name = asTyped ? names.constFirst() : zmldap::escapeFilterValue(names.constFirst());
+    if (asTyped && name.contains(QRegularExpression(QStringLiteral("[*()\\\\\\x00]"))))
+        printWarning(command, QStringLiteral("the name holds search filter characters; with --raw they are used "
+                                             "as they are ('*' matches any account)"));
 
     ZMLDAP directory(settings);
     const int connected = connectDirectory(directory, command, parser.isSet(common.verbose));
@@ -320,8 +366,9 @@ int runCheck(const QStringList &args)
 }
 
 const char *const kLdapUsage =
-    "Usage: zmauth ldap users --settings FILE [--mapping FILE] [--format table|json] [--verbose]\n"
-    "       zmauth ldap check NAME --settings FILE [--verbose]\n"
+    "Usage: zmauth ldap users --settings FILE [--mapping FILE] [--format table|json] [--page-size N]\n"
+    "                         [--timeout S] [--verbose]\n"
+    "       zmauth ldap check NAME --settings FILE [--raw] [--page-size N] [--timeout S] [--verbose]\n"
     "\n"
     "  users  the user records a directory import would read, with the field mapping applied\n"
     "  check  whether the directory holds the account NAME\n"
