@@ -86,6 +86,8 @@ bool AttributeWalk::next()
             if (!first())
                 return false;
         } else if (m_name) {
+            // The name is freed before the next one is read, after its values.
+            m_name.reset();
             m_name.reset(ldap_next_attribute(m_ld, m_entry, m_ber.get()));
         }
         if (!m_name)
