@@ -105,6 +105,61 @@ private slots:
                                           ldbg(fn::userList, QStringLiteral("Entries ") + QString::number(entries.size()))}));
     }
 
+    // With "PT_PAGE_SIZE" the listing pages through the DC's answer: the
+    // same records, one page request for every n entries, each page's count
+    // in its own "Entries" record; the iterator walks all pages.
+    void pagedListingMatchesLdapsearch_data()
+    {
+        QTest::addColumn<QString>("base");
+        QTest::addColumn<int>("pageSize");
+        QTest::newRow("organisational unit, pages of 3") << ad::value("AD_PEOPLE_DN") << 3;
+        QTest::newRow("organisational unit, one page") << ad::value("AD_PEOPLE_DN") << 1000;
+        // The references to the DC's other partitions come with the last
+        // page; they are no entries.
+        QTest::newRow("domain root, pages of 2") << ad::value("AD_BASE_DN") << 2;
+    }
+
+    void pagedListingMatchesLdapsearch()
+    {
+        QFETCH(QString, base);
+        QFETCH(int, pageSize);
+        int rc = -1;
+        const QList<DirEntry> entries = ad::ldapsearch(base, kDefaultFilter, kMapping.keys(), &rc);
+        QCOMPARE(rc, 0);
+        const int n = entries.size();
+        QVERIFY(n > 0);
+
+        zelmora::ObjectInfo settings = listSettings(base);
+        settings.params.insert(zmldap::key::PAGE_SIZE, QString::number(pageSize));
+        ZMLDAP ldap(settings);
+        QCOMPARE(ldap.connect(), 0);
+        LogCapture log;
+        QList<zelmora::ObjectInfo> users;
+        QVERIFY(ldap.getUserList(users));
+        QCOMPARE(ad::recordLines(users), ad::recordLines(ad::expectedRecords(entries, kMapping)));
+
+        const int pages = (n + pageSize - 1) / pageSize;
+        QVERIFY(ldapspy::searches().isEmpty());
+        QCOMPARE(ldapspy::pagedSearches().size(), pages);
+        for (const SearchCall &call : ldapspy::pagedSearches()) {
+            QCOMPARE(call.controlOids, QList<QByteArray>{QByteArrayLiteral(LDAP_CONTROL_PAGEDRESULTS)});
+            QCOMPARE(call.controlCritical, QList<bool>{false});
+        }
+        QString start;
+        QDebug(&start) << "get user list" << base << kDefaultFilter << kMapping;
+        QStringList expected{ldbg(fn::userList, start.trimmed())};
+        for (int left = n; left > 0; left -= pageSize)
+            expected.append(ldbg(fn::userList, QStringLiteral("Entries ") + QString::number(qMin(pageSize, left))));
+        QCOMPARE(lines(log), expected);
+
+        ZMLDAPObjectIterator it(&ldap, zmldap::Subtree, kMapping);
+        QCOMPARE(it.size(), n);
+        QList<zelmora::ObjectInfo> walked;
+        for (int i = 0; i < it.size(); ++i)
+            walked.append(i == 0 ? it.first() : it.next());
+        QCOMPARE(ad::recordLines(walked), ad::recordLines(users));
+    }
+
     void peopleAreTheDomainsUsers()
     {
         QCOMPARE(logins(m_people), ad::value("AD_PEOPLE_USERS").split(QLatin1Char(' ')));
