@@ -53,6 +53,17 @@ gss_buffer_desc tokenBuffer(const zmkrb::token_t &token)
     return buffer;
 }
 
+// A missing text (GSSAPI has none for a minor code it never handed out) puts
+// the stream into its failed state instead of being streamed: the message
+// ends with what was written before it, and nothing written later reaches it.
+void writeText(std::ostringstream &out, const char *text)
+{
+    if (text)
+        out << text;
+    else
+        out.setstate(std::ios_base::failbit);
+}
+
 // Writes every text gss_display_status has for one status code. The loop
 // follows the call's own return value: MIT answers complete after the first
 // text, so one line per code.
@@ -64,9 +75,8 @@ void writeStatus(std::ostringstream &out, OM_uint32 code, int type)
         OM_uint32 minor = 0;
         gss_buffer_desc text = GSS_C_EMPTY_BUFFER;
         ret = gss_display_status(&minor, code, type, GSS_C_NO_OID, &messageContext, &text);
-        // A null text puts the stream into its failed state: the message
-        // ends with what was written before it.
-        out << std::endl << '\t' << static_cast<const char *>(text.value);
+        out << std::endl << '\t';
+        writeText(out, static_cast<const char *>(text.value));
         gss_release_buffer(&minor, &text);
     } while (ret == GSS_S_CONTINUE_NEEDED);
 }
@@ -87,8 +97,7 @@ QString krb_error_message(const std::string &prefix, const krb5_context &context
     std::ostringstream out;
     out << prefix << ' ';
     const char *text = krb5_get_error_message(context, code);
-    // As above: a null text ends the message after the prefix.
-    out << text;
+    writeText(out, text);
     if (text)
         krb5_free_error_message(context, text);
     return QString::fromStdString(out.str());
