@@ -10,6 +10,7 @@
 // its own functions are forwarded untouched and never recorded.
 
 #include "logcapture.h"
+#include "realmenv.h"
 
 #include <gssapi/gssapi.h>
 #include <krb5.h>
@@ -56,6 +57,9 @@ void resetAll();
 // credential of each Service. The interposers note them; this releases what
 // nobody else released, so that a leak report means a real leak.
 void releaseHeldHandles();
+// The same for the security contexts alone, for long runs that give them
+// back as they go while a Service keeps its credential.
+void releaseHeldContexts();
 int heldContexts();
 int heldCredentials();
 
@@ -88,8 +92,10 @@ bool kinit(const QString &principal, const QString &password);
 // Removes the cache KRB5CCNAME names.
 void kdestroy();
 // A first initiator token for SERVICE_NAME from a password login of the
-// realm's user (the Client is gone when this returns).
+// realm's user (the Client is gone when this returns). user names the pair
+// of realm.env keys: "USER" (alice), "USER2" (bob) or "CYR_USER" (ivan).
 std::vector<unsigned char> freshToken();
+std::vector<unsigned char> freshToken(const RealmEnv &env, const QString &user = QStringLiteral("USER"));
 // Clears the acceptor keytab registered for the process.
 void clearRegisteredKeytab();
 
