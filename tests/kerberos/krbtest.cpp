@@ -190,6 +190,32 @@ bool kinit(const QString &principal, const QString &password)
     return process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0;
 }
 
+bool kinitUser(const RealmEnv &env)
+{
+    return kinit(env.value(QStringLiteral("USER_NAME")) + QLatin1Char('@') + env.value(QStringLiteral("KRB5_REALM")),
+                 env.value(QStringLiteral("USER_PASSWORD")));
+}
+
+std::unique_ptr<OwnRealm> startOwnRealm(const QString &cacheName, QString *error)
+{
+    std::unique_ptr<OwnRealm> realm(new OwnRealm);
+    if (!realm->isValid()) {
+        *error = realm->error();
+        return nullptr;
+    }
+    realm->useInThisProcess(cacheName);
+    startRealmTest();
+    return realm;
+}
+
+std::string finishOwnRealm(std::unique_ptr<OwnRealm> &realm)
+{
+    endRealmTest();
+    const std::string problems = finishProgram();
+    realm.reset();
+    return problems;
+}
+
 void kdestroy()
 {
     QString name = qEnvironmentVariable("KRB5CCNAME");

@@ -70,9 +70,7 @@ private slots:
 
         // The Service as a server runs it: a ticket in the process's cache
         // and the keytab registered, so it holds a credential of its own.
-        QVERIFY(krbtest::kinit(env.value(QStringLiteral("USER_NAME")) + QLatin1Char('@')
-                                   + env.value(QStringLiteral("KRB5_REALM")),
-                               env.value(QStringLiteral("USER_PASSWORD"))));
+        QVERIFY(krbtest::kinitUser(env));
         QVERIFY(zmkrb::Client(env.str("SERVICE_NAME")).setKTFile(env.str("SERVICE_KEYTAB")));
         zmkrb::Service service;
         QCOMPARE(krbtest::heldCredentials(), 1);

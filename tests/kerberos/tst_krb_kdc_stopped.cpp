@@ -2,7 +2,6 @@
 // login fails with the texts of the KDC-unreachable path, releases what it
 // obtained and leaves no cache file; nothing crashes or leaks.
 #include "krbtest.h"
-#include "ownrealm.h"
 
 #include <zmkerberos.h>
 
@@ -28,14 +27,10 @@ private slots:
     // the KDC is stopped for every test.
     void initTestCase()
     {
-        realm.reset(new OwnRealm);
-        QVERIFY2(realm->isValid(), qPrintable(realm->error()));
-        realm->useInThisProcess(QStringLiteral("kdc-stopped"));
-        const RealmEnv &env = realm->env();
-        krbtest::startRealmTest();
-        QVERIFY(krbtest::kinit(env.value(QStringLiteral("USER_NAME")) + QLatin1Char('@')
-                                   + env.value(QStringLiteral("KRB5_REALM")),
-                               env.value(QStringLiteral("USER_PASSWORD"))));
+        QString error;
+        realm = krbtest::startOwnRealm(QStringLiteral("kdc-stopped"), &error);
+        QVERIFY2(realm, qPrintable(error));
+        QVERIFY(krbtest::kinitUser(realm->env()));
         QVERIFY(realm->endServer("KDC_PID", SIGTERM));
     }
     void init() { krbtest::resetAll(); }
@@ -46,9 +41,7 @@ private slots:
     }
     void cleanupTestCase()
     {
-        krbtest::endRealmTest();
-        const std::string problems = krbtest::finishProgram();
-        realm.reset();
+        const std::string problems = krbtest::finishOwnRealm(realm);
         QVERIFY2(problems.empty(), problems.c_str());
     }
 

@@ -50,9 +50,7 @@ private slots:
         QFETCH(bool, ticket);
         QFETCH(QString, texts);
         if (ticket)
-            QVERIFY(krbtest::kinit(env.value(QStringLiteral("USER_NAME")) + QLatin1Char('@')
-                                       + env.value(QStringLiteral("KRB5_REALM")),
-                                   env.value(QStringLiteral("USER_PASSWORD"))));
+            QVERIFY(krbtest::kinitUser(env));
         const zmkrb::token_t first = krbtest::freshToken();
         const zmkrb::token_t second = krbtest::freshToken();
         QVERIFY(!first.empty() && !second.empty());

@@ -86,9 +86,7 @@ private slots:
     void ldapBindAfterClientNeedsTheNameReset()
     {
         const RealmEnv &env = RealmEnv::get();
-        QVERIFY(krbtest::kinit(env.value(QStringLiteral("USER_NAME")) + QLatin1Char('@')
-                                   + env.value(QStringLiteral("KRB5_REALM")),
-                               env.value(QStringLiteral("USER_PASSWORD"))));
+        QVERIFY(krbtest::kinitUser(env));
 
         // The thread's own ticket binds.
         const Bind before = bindAndCheck();

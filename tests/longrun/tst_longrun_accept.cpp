@@ -22,16 +22,13 @@ class LongRunAccept : public QObject {
 private slots:
     void initTestCase()
     {
-        realm.reset(new OwnRealm);
-        QVERIFY2(realm->isValid(), qPrintable(realm->error()));
-        realm->useInThisProcess(QStringLiteral("accept"));
-        krbtest::startRealmTest();
+        QString error;
+        realm = krbtest::startOwnRealm(QStringLiteral("accept"), &error);
+        QVERIFY2(realm, qPrintable(error));
     }
     void cleanupTestCase()
     {
-        krbtest::endRealmTest();
-        const std::string problems = krbtest::finishProgram();
-        realm.reset();
+        const std::string problems = krbtest::finishOwnRealm(realm);
         QVERIFY2(problems.empty(), problems.c_str());
     }
 
@@ -42,7 +39,7 @@ private slots:
             + env.value(QStringLiteral("KRB5_REALM"));
         // A ticket in the process's cache: the test's initiator uses it, and
         // the Service gets a credential of its own, as on a server.
-        QVERIFY(krbtest::kinit(principal, env.value(QStringLiteral("USER_PASSWORD"))));
+        QVERIFY(krbtest::kinitUser(env));
         QVERIFY(zmkrb::Client(env.str("SERVICE_NAME")).setKTFile(env.str("SERVICE_KEYTAB")));
         zmkrb::Service service;
         QCOMPARE(krbtest::heldCredentials(), 1);

@@ -21,16 +21,13 @@ class LongRunPasswordLogins : public QObject {
 private slots:
     void initTestCase()
     {
-        realm.reset(new OwnRealm);
-        QVERIFY2(realm->isValid(), qPrintable(realm->error()));
-        realm->useInThisProcess(QStringLiteral("password-logins"));
-        krbtest::startRealmTest();
+        QString error;
+        realm = krbtest::startOwnRealm(QStringLiteral("password-logins"), &error);
+        QVERIFY2(realm, qPrintable(error));
     }
     void cleanupTestCase()
     {
-        krbtest::endRealmTest();
-        const std::string problems = krbtest::finishProgram();
-        realm.reset();
+        const std::string problems = krbtest::finishOwnRealm(realm);
         QVERIFY2(problems.empty(), problems.c_str());
     }
 
