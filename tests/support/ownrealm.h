@@ -40,6 +40,7 @@ public:
 
 private:
     QTemporaryDir m_dir;
+    QString m_path; // the realm's directory inside m_dir
     RealmEnv m_env;
     QString m_error;
 };
