@@ -48,7 +48,7 @@ public:
     Result authorizeContinue(const token_t &token);
 
 private:
-    ClientPrivate *d;
+    ClientPrivate *const d;
 };
 
 class ServicePrivate;
@@ -70,7 +70,7 @@ public:
     Result acceptContinue(const krb_string_t &peer, const token_t &token);
 
 private:
-    ServicePrivate *d;
+    ServicePrivate *const d;
 };
 
 } // namespace zmkrb

@@ -13,29 +13,6 @@
 
 namespace {
 
-// krb5 handles that prepare_cred holds while it works. The declaration order
-// in prepare_cred (context, cache, principal, credential contents) makes every
-// early return release in the order the clean-up needs: contents, principal,
-// cache, context.
-struct Krb5ContextFree {
-    void operator()(krb5_context context) const { krb5_free_context(context); }
-};
-using Krb5Context = std::unique_ptr<_krb5_context, Krb5ContextFree>;
-
-// Destroying the cache removes its file: a cache that did not get a ticket
-// must not stay behind.
-struct Krb5CacheDestroy {
-    krb5_context context;
-    void operator()(krb5_ccache cache) const { krb5_cc_destroy(context, cache); }
-};
-using Krb5Cache = std::unique_ptr<_krb5_ccache, Krb5CacheDestroy>;
-
-struct Krb5PrincipalFree {
-    krb5_context context;
-    void operator()(krb5_principal principal) const { krb5_free_principal(context, principal); }
-};
-using Krb5Principal = std::unique_ptr<krb5_principal_data, Krb5PrincipalFree>;
-
 // The contents of a krb5_creds that krb5_get_init_creds_password filled.
 class Krb5CredContents {
 public:
@@ -76,6 +53,17 @@ gss_buffer_desc tokenBuffer(const zmkrb::token_t &token)
     return buffer;
 }
 
+// A missing text (GSSAPI has none for a minor code it never handed out) puts
+// the stream into its failed state instead of being streamed: the message
+// ends with what was written before it, and nothing written later reaches it.
+void writeText(std::ostringstream &out, const char *text)
+{
+    if (text)
+        out << text;
+    else
+        out.setstate(std::ios_base::failbit);
+}
+
 // Writes every text gss_display_status has for one status code. The loop
 // follows the call's own return value: MIT answers complete after the first
 // text, so one line per code.
@@ -87,9 +75,8 @@ void writeStatus(std::ostringstream &out, OM_uint32 code, int type)
         OM_uint32 minor = 0;
         gss_buffer_desc text = GSS_C_EMPTY_BUFFER;
         ret = gss_display_status(&minor, code, type, GSS_C_NO_OID, &messageContext, &text);
-        // A null text puts the stream into its failed state: the message
-        // ends with what was written before it.
-        out << std::endl << '\t' << static_cast<const char *>(text.value);
+        out << std::endl << '\t';
+        writeText(out, static_cast<const char *>(text.value));
         gss_release_buffer(&minor, &text);
     } while (ret == GSS_S_CONTINUE_NEEDED);
 }
@@ -110,8 +97,7 @@ QString krb_error_message(const std::string &prefix, const krb5_context &context
     std::ostringstream out;
     out << prefix << ' ';
     const char *text = krb5_get_error_message(context, code);
-    // As above: a null text ends the message after the prefix.
-    out << text;
+    writeText(out, text);
     if (text)
         krb5_free_error_message(context, text);
     return QString::fromStdString(out.str());
@@ -121,7 +107,6 @@ namespace zmkrb {
 
 ClientPrivate::ClientPrivate(const std::string &target)
     : target(target)
-    , securityContext(GSS_C_NO_CONTEXT)
 {
     if (const char *name = getenv("KRB5CCNAME"))
         cacheName = name;
@@ -132,37 +117,35 @@ ClientPrivate::ClientPrivate(const std::string &target)
 // Gets a TGT for user@realm with the password into a new private file cache
 // and makes that cache the one GSSAPI uses on this thread. On success the
 // krb5 context and the cache are handed to the caller, who keeps them until
-// the Client goes; on failure everything obtained so far is released here and
-// the outputs stay null, so nothing can be released twice later.
+// the Client goes; on failure everything obtained so far is released here, in
+// the order contents, principal, cache, context (the reverse of the guards'
+// declarations), and the outputs stay empty.
 int ClientPrivate::prepare_cred(const krb_string_t &realm, const krb_string_t &user, const krb_string_t &password,
-                                gss_cred_id_t &credential, krb5_context &context, krb5_ccache &cache)
+                                GssCred &credential, Krb5Context &context, Krb5Cache &cache)
 {
-    krb5_context newContext = nullptr;
-    krb5_error_code code = krb5_init_context(&newContext);
+    Krb5Context ctx;
+    krb5_error_code code = krb5_init_context(out(ctx));
     if (code) {
-        qCWarning(krbc()).noquote() << krb_error_message("Kerberos init context", newContext, code);
+        qCWarning(krbc()).noquote() << krb_error_message("Kerberos init context", ctx.get(), code);
         return -1;
     }
-    Krb5Context ctx(newContext);
 
     // The configured name is only a hint: MIT picks a fresh /tmp/tkt* file.
-    krb5_ccache newCache = nullptr;
-    code = krb5_cc_new_unique(ctx.get(), "FILE", cacheName.c_str(), &newCache);
+    Krb5Cache ccache(nullptr, Krb5CacheDestroy{ctx.get()});
+    code = krb5_cc_new_unique(ctx.get(), "FILE", cacheName.c_str(), out(ccache));
     if (code) {
         qCWarning(krbc()).noquote() << krb_error_message("Kerberos new cache", ctx.get(), code);
         return -1;
     }
-    Krb5Cache ccache(newCache, Krb5CacheDestroy{ctx.get()});
 
     // The user is one name component as given: "/" and "@" are not parsed.
-    krb5_principal newPrincipal = nullptr;
-    code = krb5_build_principal(ctx.get(), &newPrincipal, static_cast<unsigned int>(realm.size()), realm.c_str(),
+    Krb5Principal principal(nullptr, Krb5PrincipalFree{ctx.get()});
+    code = krb5_build_principal(ctx.get(), out(principal), static_cast<unsigned int>(realm.size()), realm.c_str(),
                                 user.c_str(), static_cast<const char *>(nullptr));
     if (code) {
         qCWarning(krbc()).noquote() << krb_error_message("Kerberos build principal", ctx.get(), code);
         return -1;
     }
-    Krb5Principal principal(newPrincipal, Krb5PrincipalFree{ctx.get()});
 
     code = krb5_cc_initialize(ctx.get(), ccache.get(), principal.get());
     if (code) {
@@ -199,15 +182,16 @@ int ClientPrivate::prepare_cred(const krb_string_t &realm, const krb_string_t &u
 
     // Neither GSSAPI call stops the login: if the cache cannot be named or
     // imported, the credential stays empty and authorize's add or acquire
-    // step reports the failure in GSSAPI's words.
+    // step reports the failure in GSSAPI's words. The thread's previous cache
+    // name is not kept: it stays on the private cache after the Client goes.
     OM_uint32 minor = 0;
     gss_krb5_ccache_name(&minor, name, nullptr);
-    gss_krb5_import_cred(&minor, ccache.get(), principal.get(), nullptr, &credential);
+    gss_krb5_import_cred(&minor, ccache.get(), principal.get(), nullptr, out(credential));
 
     principal.reset();
     qCDebug(krbc()) << "Creedentials saved to cache";
-    cache = ccache.release();
-    context = ctx.release();
+    cache = std::move(ccache);
+    context = std::move(ctx);
     return 0;
 }
 
@@ -218,38 +202,29 @@ Result ClientPrivate::authorize(const krb_string_t &realm, const krb_string_t &u
 
     // One Client is meant for one exchange; should authorize run again, what
     // the previous run obtained is given back before it is replaced.
-    if (credential != GSS_C_NO_CREDENTIAL)
-        gss_release_cred(&minor, &credential);
+    credential.reset();
 
     if (user.empty()) {
         // The process's own credentials (the default cache and keytab).
         major = gss_acquire_cred(&minor, GSS_C_NO_NAME, GSS_C_INDEFINITE, gss_mech_set_krb5, GSS_C_BOTH,
-                                 &credential, nullptr, nullptr);
+                                 out(credential), nullptr, nullptr);
         if (GSS_ERROR(major)) {
             qCWarning(krbc()).noquote() << gss_error_message("Acquire credentials", major, minor);
             return Result();
         }
     } else {
-        if (cache) {
-            krb5_cc_destroy(context, cache);
-            cache = nullptr;
-        }
-        if (context) {
-            krb5_free_context(context);
-            context = nullptr;
-        }
+        cache.reset();
+        context.reset();
 
-        gss_cred_id_t imported = GSS_C_NO_CREDENTIAL;
-        if (prepare_cred(realm, user, password, imported, context, cache) != 0)
-            return Result();
         // Released after the user name, whichever way this block is left.
-        GssCred local(imported);
+        GssCred local;
+        if (prepare_cred(realm, user, password, local, context, cache) != 0)
+            return Result();
 
         const krb_string_t principalText = user + "@" + realm;
         gss_buffer_desc nameText = textBuffer(principalText);
-        gss_name_t imported_name = GSS_C_NO_NAME;
-        major = gss_import_name(&minor, &nameText, GSS_C_NT_USER_NAME, &imported_name);
-        GssName userName(imported_name);
+        GssName userName;
+        major = gss_import_name(&minor, &nameText, GSS_C_NT_USER_NAME, out(userName));
         // Any non-complete answer is refused here: the name must be exact.
         if (major != GSS_S_COMPLETE) {
             qCWarning(krbc()).noquote() << gss_error_message("Import name", major, minor);
@@ -257,7 +232,7 @@ Result ClientPrivate::authorize(const krb_string_t &realm, const krb_string_t &u
         }
 
         major = gss_add_cred(&minor, local.get(), userName.get(), gss_mech_krb5, GSS_C_INITIATE, GSS_C_INDEFINITE,
-                             GSS_C_INDEFINITE, &credential, nullptr, nullptr, nullptr);
+                             GSS_C_INDEFINITE, out(credential), nullptr, nullptr, nullptr);
         if (GSS_ERROR(major)) {
             qCWarning(krbc()).noquote() << gss_error_message("Add credentials", major, minor);
             if (major != GSS_S_DUPLICATE_ELEMENT)
@@ -266,7 +241,7 @@ Result ClientPrivate::authorize(const krb_string_t &realm, const krb_string_t &u
             // on MIT): acquire one for the user by name instead. Its acceptor
             // half needs the user's key in the acceptor keytab in effect.
             major = gss_acquire_cred(&minor, userName.get(), GSS_C_INDEFINITE, gss_mech_set_krb5, GSS_C_BOTH,
-                                     &credential, nullptr, nullptr);
+                                     out(credential), nullptr, nullptr);
             if (GSS_ERROR(major)) {
                 qCWarning(krbc()).noquote() << gss_error_message("Acquire credentials", major, minor);
                 return Result();
@@ -275,17 +250,16 @@ Result ClientPrivate::authorize(const krb_string_t &realm, const krb_string_t &u
     }
 
     const gss_buffer_desc targetText = textBuffer(target);
-    gss_name_t importedTarget = GSS_C_NO_NAME;
+    GssName targetName;
     major = gss_import_name(&minor, const_cast<gss_buffer_t>(&targetText), GSS_C_NT_HOSTBASED_SERVICE,
-                            &importedTarget);
-    GssName targetName(importedTarget);
+                            out(targetName));
     if (GSS_ERROR(major)) {
         qCWarning(krbc()).noquote() << gss_error_message("Import target name", major, minor);
         return Result();
     }
 
     GssBuffer output;
-    major = gss_init_sec_context(&minor, credential, &securityContext, targetName.get(), gss_mech_krb5,
+    major = gss_init_sec_context(&minor, credential.get(), &securityContext, targetName.get(), gss_mech_krb5,
                                  GSS_C_MUTUAL_FLAG, GSS_C_INDEFINITE, GSS_C_NO_CHANNEL_BINDINGS, GSS_C_NO_BUFFER,
                                  nullptr, output.get(), nullptr, nullptr);
     if (GSS_ERROR(major)) {
@@ -310,10 +284,9 @@ Result ClientPrivate::authorizeContinue(const token_t &token)
     OM_uint32 minor = 0;
 
     const gss_buffer_desc targetText = textBuffer(target);
-    gss_name_t importedTarget = GSS_C_NO_NAME;
+    GssName targetName;
     major = gss_import_name(&minor, const_cast<gss_buffer_t>(&targetText), GSS_C_NT_HOSTBASED_SERVICE,
-                            &importedTarget);
-    GssName targetName(importedTarget);
+                            out(targetName));
     if (GSS_ERROR(major)) {
         qCWarning(krbc()).noquote() << gss_error_message("Import target name", major, minor);
         return Result();
@@ -321,7 +294,7 @@ Result ClientPrivate::authorizeContinue(const token_t &token)
 
     gss_buffer_desc input = tokenBuffer(token);
     GssBuffer output;
-    major = gss_init_sec_context(&minor, credential, &securityContext, targetName.get(), gss_mech_krb5,
+    major = gss_init_sec_context(&minor, credential.get(), &securityContext, targetName.get(), gss_mech_krb5,
                                  GSS_C_MUTUAL_FLAG, GSS_C_INDEFINITE, GSS_C_NO_CHANNEL_BINDINGS, &input, nullptr,
                                  output.get(), nullptr, nullptr);
     if (GSS_ERROR(major)) {
@@ -342,23 +315,10 @@ Client::Client(const std::string &target)
 {
 }
 
-// The private cache goes first (destroying it removes its file), then the
-// krb5 context it needs, then the GSSAPI credential. Handles that were never
-// obtained, or that a failed preparation already gave back, are null and
-// skipped. The security context stays: it is the exchange's and is not
-// deleted here.
+// ClientPrivate's members release the private cache (removing its file), the
+// krb5 context and the credential, in that order; the security context stays.
 Client::~Client()
 {
-    if (!d)
-        return;
-    if (d->cache)
-        krb5_cc_destroy(d->context, d->cache);
-    if (d->context)
-        krb5_free_context(d->context);
-    if (d->credential != GSS_C_NO_CREDENTIAL) {
-        OM_uint32 minor = 0;
-        gss_release_cred(&minor, &d->credential);
-    }
     delete d;
 }
 

@@ -21,13 +21,14 @@ Result ServicePrivate::accept(const krb_string_t &peer, const token_t &token)
     gss_buffer_desc input;
     input.length = token.size();
     input.value = token.empty() ? nullptr : const_cast<unsigned char *>(token.data());
-    gss_name_t source = GSS_C_NO_NAME;
+    GssName sourceName;
     gss_OID mechanism = gss_mech_krb5;
     OM_uint32 flags = GSS_C_MUTUAL_FLAG;
     GssBuffer output;
+    // The context the call makes is not kept anywhere and not deleted.
     const OM_uint32 major = gss_accept_sec_context(&minor, &context, credential, &input, GSS_C_NO_CHANNEL_BINDINGS,
-                                                   &source, &mechanism, output.get(), &flags, nullptr, nullptr);
-    GssName sourceName(source);
+                                                   out(sourceName), &mechanism, output.get(), &flags, nullptr,
+                                                   nullptr);
     if (GSS_ERROR(major)) {
         qCWarning(krbc()).noquote() << gss_error_message("Accept sec context", major, minor);
         return Result();

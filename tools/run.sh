@@ -4,6 +4,7 @@
 #   bash tools/run.sh test              build and run the whole test suite with ctest
 # and, for CI and developers:
 #   bash tools/run.sh test --sanitize   the same suite built with AddressSanitizer and UBSan
+#   bash tools/run.sh test --valgrind   the plain build's suite under valgrind memcheck (long runs shortened)
 #   bash tools/run.sh bench [ldap|kerberos]   the benchmarks (bench/README.md)
 #   bash tools/run.sh consumer          install into a temporary prefix and build a consumer against it
 set -euo pipefail
@@ -16,7 +17,7 @@ packages=(
     qtbase5-dev libldap-dev libsasl2-dev libkrb5-dev
     slapd ldap-utils krb5-kdc krb5-admin-server krb5-user
     sasl2-bin libsasl2-modules libsasl2-modules-gssapi-mit
-    hostname time
+    hostname time valgrind
     samba-ad-dc samba-ad-provision iproute2
 )
 
@@ -86,6 +87,27 @@ case "$cmd" in
             fi
             exit $status
         fi
+        if [ "${1:-}" = "--valgrind" ]; then
+            build "$root/build"
+            logs="$root/build/valgrind-logs"
+            rm -rf "$logs" && mkdir -p "$logs"
+            # tests/memcheck.sh runs every test program (and the zmauth tool
+            # it starts) under memcheck; reports go to files, one per process.
+            export ZMAUTH_VALGRIND=1 ZMAUTH_VALGRIND_LOGS="$logs"
+            # The long runs keep their shape at a twentieth of their counts.
+            export ZMAUTH_LONGRUN_DIVISOR=${ZMAUTH_LONGRUN_DIVISOR:-20}
+            status=0
+            run_tests "$root/build" || status=$?
+            # Also a process whose exit status nobody reads fails the run.
+            reports=$(grep -l -E "ERROR SUMMARY: [1-9]" "$logs"/* 2>/dev/null || true)
+            if [ -n "$reports" ]; then
+                echo "valgrind reports:" >&2
+                for f in $reports; do echo "== $f" >&2; cat "$f" >&2; done
+                status=1
+            fi
+            echo "valgrind: $(ls "$logs" | wc -l) processes checked, reports in $logs"
+            exit $status
+        fi
         build "$root/build"
         run_tests "$root/build"
         ;;
@@ -103,7 +125,7 @@ case "$cmd" in
         bash "$root/tests/consumer/check.sh" "$prefix"
         ;;
     *)
-        sed -n '2,8p' "${BASH_SOURCE[0]}" | sed 's/^# \{0,1\}//' >&2
+        sed -n '2,9p' "${BASH_SOURCE[0]}" | sed 's/^# \{0,1\}//' >&2
         exit 2
         ;;
 esac

@@ -101,14 +101,20 @@ void record(const char *call, const void *caller)
 
 } // namespace
 
-void releaseHeldHandles()
+void releaseHeldContexts()
 {
     static auto deleteContext = real<OM_uint32 (*)(OM_uint32 *, gss_ctx_id_t *, gss_buffer_t)>("gss_delete_sec_context");
-    static auto releaseCred = real<OM_uint32 (*)(OM_uint32 *, gss_cred_id_t *)>("gss_release_cred");
     OM_uint32 minor = 0;
     for (gss_ctx_id_t context : contexts())
         deleteContext(&minor, &context, GSS_C_NO_BUFFER);
     contexts().clear();
+}
+
+void releaseHeldHandles()
+{
+    static auto releaseCred = real<OM_uint32 (*)(OM_uint32 *, gss_cred_id_t *)>("gss_release_cred");
+    releaseHeldContexts();
+    OM_uint32 minor = 0;
     for (gss_cred_id_t cred : serviceCreds())
         releaseCred(&minor, &cred);
     serviceCreds().clear();
@@ -184,6 +190,32 @@ bool kinit(const QString &principal, const QString &password)
     return process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0;
 }
 
+bool kinitUser(const RealmEnv &env)
+{
+    return kinit(env.value(QStringLiteral("USER_NAME")) + QLatin1Char('@') + env.value(QStringLiteral("KRB5_REALM")),
+                 env.value(QStringLiteral("USER_PASSWORD")));
+}
+
+std::unique_ptr<OwnRealm> startOwnRealm(const QString &cacheName, QString *error)
+{
+    std::unique_ptr<OwnRealm> realm(new OwnRealm);
+    if (!realm->isValid()) {
+        *error = realm->error();
+        return nullptr;
+    }
+    realm->useInThisProcess(cacheName);
+    startRealmTest();
+    return realm;
+}
+
+std::string finishOwnRealm(std::unique_ptr<OwnRealm> &realm)
+{
+    endRealmTest();
+    const std::string problems = finishProgram();
+    realm.reset();
+    return problems;
+}
+
 void kdestroy()
 {
     QString name = qEnvironmentVariable("KRB5CCNAME");
@@ -195,13 +227,17 @@ void kdestroy()
 
 std::vector<unsigned char> freshToken()
 {
-    const RealmEnv &env = RealmEnv::get();
+    return freshToken(RealmEnv::get());
+}
+
+std::vector<unsigned char> freshToken(const RealmEnv &env, const QString &user)
+{
     std::vector<unsigned char> token;
     {
         zmkrb::Client client(env.str("SERVICE_NAME"));
         client.setKTFile(env.str("SSO_KEYTAB"));
-        const zmkrb::Result result = client.authorize(env.str("KRB5_REALM"), env.str("USER_NAME"),
-                                                      env.str("USER_PASSWORD"));
+        const zmkrb::Result result = client.authorize(env.str("KRB5_REALM"), env.str(user + QStringLiteral("_NAME")),
+                                                      env.str(user + QStringLiteral("_PASSWORD")));
         token = result.token;
     }
     clearRegisteredKeytab();

@@ -10,6 +10,8 @@
 // its own functions are forwarded untouched and never recorded.
 
 #include "logcapture.h"
+#include "ownrealm.h"
+#include "realmenv.h"
 
 #include <gssapi/gssapi.h>
 #include <krb5.h>
@@ -17,6 +19,7 @@
 #include <QString>
 #include <QStringList>
 
+#include <memory>
 #include <set>
 #include <string>
 #include <vector>
@@ -56,6 +59,9 @@ void resetAll();
 // credential of each Service. The interposers note them; this releases what
 // nobody else released, so that a leak report means a real leak.
 void releaseHeldHandles();
+// The same for the security contexts alone, for long runs that give them
+// back as they go while a Service keeps its credential.
+void releaseHeldContexts();
 int heldContexts();
 int heldCredentials();
 
@@ -85,11 +91,23 @@ bool fileExists(const std::string &path);
 // kinit (the MIT program) of user@realm into the cache the environment's
 // KRB5CCNAME names; true on success.
 bool kinit(const QString &principal, const QString &password);
+// kinit of the realm's user (USER_NAME, alice) with her password.
+bool kinitUser(const RealmEnv &env);
 // Removes the cache KRB5CCNAME names.
 void kdestroy();
+
+// For programs that stop or load a realm's servers: a realm of their own,
+// made this process's (OwnRealm::useInThisProcess with the cache name), and
+// startRealmTest. Null, with the reason in error, when it did not start.
+std::unique_ptr<OwnRealm> startOwnRealm(const QString &cacheName, QString *error);
+// The end of such a program: endRealmTest and finishProgram (whose problems
+// it returns), then the realm is stopped.
+std::string finishOwnRealm(std::unique_ptr<OwnRealm> &realm);
 // A first initiator token for SERVICE_NAME from a password login of the
-// realm's user (the Client is gone when this returns).
+// realm's user (the Client is gone when this returns). user names the pair
+// of realm.env keys: "USER" (alice), "USER2" (bob) or "CYR_USER" (ivan).
 std::vector<unsigned char> freshToken();
+std::vector<unsigned char> freshToken(const RealmEnv &env, const QString &user = QStringLiteral("USER"));
 // Clears the acceptor keytab registered for the process.
 void clearRegisteredKeytab();
 

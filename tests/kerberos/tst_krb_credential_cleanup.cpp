@@ -41,24 +41,17 @@ class KrbCredentialCleanup : public QObject {
         LogCapture log;
         krbtest::seen().recordReleases = true;
         zmkrb::ClientPrivate p("HTTP@localhost");
-        gss_cred_id_t credential = GSS_C_NO_CREDENTIAL;
+        zmkrb::GssCred credential;
         out.rc = p.prepare_cred(realm, user, pw, credential, p.context, p.cache);
-        out.contextNull = p.context == nullptr;
-        out.cacheNull = p.cache == nullptr;
-        out.credentialNull = credential == GSS_C_NO_CREDENTIAL;
+        out.contextNull = !p.context;
+        out.cacheNull = !p.cache;
+        out.credentialNull = !credential;
         out.releases = krbtest::seen().releases;
         krbtest::seen().recordReleases = false;
         out.warnings = krbtest::krbTexts(log);
         out.debug = krbtest::krbTexts(log, QtDebugMsg);
         out.caches = krbtest::seen().createdCaches;
-        if (p.cache)
-            krb5_cc_destroy(p.context, p.cache);
-        if (p.context)
-            krb5_free_context(p.context);
-        if (credential != GSS_C_NO_CREDENTIAL) {
-            OM_uint32 minor = 0;
-            gss_release_cred(&minor, &credential);
-        }
+        credential.reset();
         krbtest::resetThreadCache();
         return out;
     }
@@ -179,6 +172,15 @@ private slots:
         krbtest::faults().ccGetNameNull = true;
         verifyFailed(run(password), QStringLiteral("Kerberos get name Success"),
                      {"krb5_free_cred_contents", "krb5_free_principal", "krb5_cc_destroy", "krb5_free_context"});
+    }
+
+    // krb5 without a message for the failure: the warning is the prefix and
+    // its blank, and the clean-up is the same.
+    void failureWithoutMessage()
+    {
+        krbtest::faults().newUnique = KRB5_CC_IO;
+        krbtest::faults().errorMessageNull = true;
+        verifyFailed(run(password), QStringLiteral("Kerberos new cache "), {"krb5_free_context"});
     }
 
     // The same failures through the public Client: a failed result, and its

@@ -11,8 +11,9 @@
 
 namespace {
 // gss_display_status answers without a text on demand, the way it does for a
-// code it cannot name.
+// code it cannot name: for every code, or only for the mechanism's codes.
 bool g_displayStatusNull = false;
+bool g_mechStatusNull = false;
 } // namespace
 
 extern "C" OM_uint32 KRB5_CALLCONV gss_display_status(OM_uint32 *minor, OM_uint32 code, int type, gss_OID mech,
@@ -20,7 +21,7 @@ extern "C" OM_uint32 KRB5_CALLCONV gss_display_status(OM_uint32 *minor, OM_uint3
 {
     using Fn = OM_uint32 (*)(OM_uint32 *, OM_uint32, int, gss_OID, OM_uint32 *, gss_buffer_t);
     static Fn next = reinterpret_cast<Fn>(dlsym(RTLD_NEXT, "gss_display_status"));
-    if (g_displayStatusNull) {
+    if (g_displayStatusNull || (g_mechStatusNull && type == GSS_C_MECH_CODE)) {
         *minor = 0;
         text->length = 0;
         text->value = nullptr;
@@ -41,7 +42,12 @@ private slots:
         qputenv("KRB5CCNAME", missingCache);
         krbtest::resetThreadCache();
     }
-    void init() { krbtest::resetAll(); g_displayStatusNull = false; }
+    void init()
+    {
+        krbtest::resetAll();
+        g_displayStatusNull = false;
+        g_mechStatusNull = false;
+    }
 
     // A real failed initiation: prefix, " failed:", then exactly two
     // tab-led lines, the major text and then the mechanism's own text.
@@ -113,6 +119,34 @@ private slots:
         const QString message = gss_error_message("Accept sec context", GSS_S_FAILURE, 0);
         g_displayStatusNull = false;
         QCOMPARE(message, QStringLiteral("Accept sec context failed:\n\t"));
+    }
+
+    // A null minor text: the major line stays whole, the minor line ends
+    // after its tab.
+    void nullMinorTextEndsAfterItsTab()
+    {
+        g_mechStatusNull = true;
+        const QString message = gss_error_message("Init sec context", GSS_S_NO_CRED, 0);
+        g_mechStatusNull = false;
+        QCOMPARE(message, QStringLiteral("Init sec context failed:\n\tNo credentials were supplied, or the "
+                                         "credentials were unavailable or inaccessible\n\t"));
+    }
+
+    // The text is made afresh each time: a message that ended early leaves
+    // nothing behind for the next one.
+    void nextMessageAfterNullTextIsWhole()
+    {
+        g_displayStatusNull = true;
+        QCOMPARE(gss_error_message("Import name", GSS_S_BAD_NAME, 0), QStringLiteral("Import name failed:\n\t"));
+        g_displayStatusNull = false;
+        QCOMPARE(gss_error_message("Import name", GSS_S_BAD_NAME, 0),
+                 QStringLiteral("Import name failed:\n\tAn invalid name was supplied\n\tUnknown error"));
+        krb5_context context = nullptr;
+        krbtest::faults().errorMessageNull = true;
+        QCOMPARE(krb_error_message("Kerberos store cred", context, KRB5_CC_IO), QStringLiteral("Kerberos store cred "));
+        krbtest::faults().errorMessageNull = false;
+        QCOMPARE(krb_error_message("Kerberos store cred", context, KRB5_CC_IO),
+                 QStringLiteral("Kerberos store cred Credentials cache I/O operation failed"));
     }
 
     void prefixBytesAreUtf8()

@@ -77,11 +77,15 @@ void handler(QtMsgType type, const QMessageLogContext &context, const QString &t
 
 namespace LogSink {
 
+// Installing again only changes verbosity: the filter in place is then this
+// sink's own, and chaining to it would call it from itself without end.
 void install(bool verbose)
 {
     g_verbose = verbose;
     qInstallMessageHandler(handler);
-    g_previousFilter = QLoggingCategory::installFilter(categoryFilter);
+    const QLoggingCategory::CategoryFilter previous = QLoggingCategory::installFilter(categoryFilter);
+    if (previous != categoryFilter)
+        g_previousFilter = previous;
 }
 
 void clear()
