@@ -107,6 +107,7 @@ namespace zmkrb {
 
 ClientPrivate::ClientPrivate(const std::string &target)
     : target(target)
+    , cache(nullptr, Krb5CacheDestroy{&context})
 {
     if (const char *name = getenv("KRB5CCNAME"))
         cacheName = name;
@@ -121,7 +122,7 @@ ClientPrivate::ClientPrivate(const std::string &target)
 // the order contents, principal, cache, context (the reverse of the guards'
 // declarations), and the outputs stay empty.
 int ClientPrivate::prepare_cred(const krb_string_t &realm, const krb_string_t &user, const krb_string_t &password,
-                                GssCred &credential, Krb5Context &context, Krb5Cache &cache)
+                                gss_cred_id_t &credential, krb5_context &context, krb5_ccache &cache)
 {
     Krb5Context ctx;
     krb5_error_code code = krb5_init_context(out(ctx));
@@ -131,7 +132,7 @@ int ClientPrivate::prepare_cred(const krb_string_t &realm, const krb_string_t &u
     }
 
     // The configured name is only a hint: MIT picks a fresh /tmp/tkt* file.
-    Krb5Cache ccache(nullptr, Krb5CacheDestroy{ctx.get()});
+    Krb5Cache ccache(nullptr, Krb5CacheDestroy{&ctx});
     code = krb5_cc_new_unique(ctx.get(), "FILE", cacheName.c_str(), out(ccache));
     if (code) {
         qCWarning(krbc()).noquote() << krb_error_message("Kerberos new cache", ctx.get(), code);
@@ -186,12 +187,12 @@ int ClientPrivate::prepare_cred(const krb_string_t &realm, const krb_string_t &u
     // name is not kept: it stays on the private cache after the Client goes.
     OM_uint32 minor = 0;
     gss_krb5_ccache_name(&minor, name, nullptr);
-    gss_krb5_import_cred(&minor, ccache.get(), principal.get(), nullptr, out(credential));
+    gss_krb5_import_cred(&minor, ccache.get(), principal.get(), nullptr, &credential);
 
     principal.reset();
     qCDebug(krbc()) << "Creedentials saved to cache";
-    cache = std::move(ccache);
-    context = std::move(ctx);
+    cache = ccache.release();
+    context = ctx.release();
     return 0;
 }
 
@@ -218,7 +219,7 @@ Result ClientPrivate::authorize(const krb_string_t &realm, const krb_string_t &u
 
         // Released after the user name, whichever way this block is left.
         GssCred local;
-        if (prepare_cred(realm, user, password, local, context, cache) != 0)
+        if (prepare_cred(realm, user, password, out(local).ref(), out(context).ref(), out(cache).ref()) != 0)
             return Result();
 
         const krb_string_t principalText = user + "@" + realm;

@@ -21,11 +21,12 @@ struct Krb5ContextFree {
 };
 using Krb5Context = std::unique_ptr<_krb5_context, Krb5ContextFree>;
 
-// Destroying the cache removes its file. The context it was made with must
-// still be open then: declare the cache's guard after the context's.
+// Destroying the cache removes its file. It is destroyed with the context
+// held by the guard it names, which must still be open then: declare the
+// cache's guard after the context's.
 struct Krb5CacheDestroy {
-    krb5_context context = nullptr;
-    void operator()(krb5_ccache cache) const { krb5_cc_destroy(context, cache); }
+    const Krb5Context *context = nullptr;
+    void operator()(krb5_ccache cache) const { krb5_cc_destroy(context->get(), cache); }
 };
 using Krb5Cache = std::unique_ptr<_krb5_ccache, Krb5CacheDestroy>;
 
@@ -69,6 +70,8 @@ public:
     OutHandle &operator=(const OutHandle &) = delete;
 
     operator typename Guard::pointer *() { return &m_handle; }
+    // For a C++ function that writes its output through a reference.
+    typename Guard::pointer &ref() { return m_handle; }
 
 private:
     Guard &m_guard;
@@ -118,8 +121,10 @@ class ClientPrivate {
 public:
     explicit ClientPrivate(const std::string &target);
 
+    // Its log records name it with these raw output handles; callers pass
+    // their guards through out(guard).ref().
     int prepare_cred(const krb_string_t &realm, const krb_string_t &user, const krb_string_t &password,
-                     GssCred &credential, Krb5Context &context, Krb5Cache &cache);
+                     gss_cred_id_t &credential, krb5_context &context, krb5_ccache &cache);
     Result authorize(const krb_string_t &realm, const krb_string_t &user, const krb_string_t &password);
     Result authorizeContinue(const token_t &token);
 

@@ -42,7 +42,8 @@ class KrbCredentialCleanup : public QObject {
         krbtest::seen().recordReleases = true;
         zmkrb::ClientPrivate p("HTTP@localhost");
         zmkrb::GssCred credential;
-        out.rc = p.prepare_cred(realm, user, pw, credential, p.context, p.cache);
+        out.rc = p.prepare_cred(realm, user, pw, zmkrb::out(credential).ref(), zmkrb::out(p.context).ref(),
+                                zmkrb::out(p.cache).ref());
         out.contextNull = !p.context;
         out.cacheNull = !p.cache;
         out.credentialNull = !credential;
