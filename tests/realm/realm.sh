@@ -72,21 +72,30 @@ EOF
 
 # ---------------------------------------------------------------- processes
 
+# stat_field PID N: field N of /proc/PID/stat after the command name
+# (1 the state, 2 the parent's PID).
+stat_field() {
+    sed -e 's/^.*) //' "/proc/$1/stat" 2>/dev/null | cut -d' ' -f"$2"
+}
+
 # True while PID exists and is not a zombie. An exiting process loses its
 # command line before it ends, so waiting for an end checks this, not is_ours.
 running() {
     local state
     [ -r "/proc/$1/stat" ] || return 1
-    state=$(sed -e 's/^.*) //' "/proc/$1/stat" 2>/dev/null | cut -d' ' -f1) || return 1
+    state=$(stat_field "$1" 1) || return 1
     [ -n "$state" ] && [ "$state" != Z ] && [ "$state" != X ]
 }
 
-# True when PID is a live process whose command line names DIR, i.e. one of
-# the servers this realm started and not a recycled PID.
+# True when PID is a live process that this realm started and not a recycled
+# PID: its command line names DIR, or, during a start, it is a child of this
+# script (a server just forked still has this script's command line until it
+# has executed its program).
 is_ours() {
     local pid=$1 dir=$2 cmd
     [[ $pid =~ ^[0-9]+$ ]] || return 1
     running "$pid" || return 1
+    [ "$(stat_field "$pid" 2)" != $$ ] || return 0
     cmd=$(tr '\0' ' ' 2>/dev/null <"/proc/$pid/cmdline") || return 1
     [[ $cmd == *"$dir/"* ]]
 }
@@ -656,19 +665,26 @@ ports_owned() {
 }
 
 # True once both servers listen on their ports, alone, and slapd answers an
-# anonymous whoami; false as soon as either server has ended or another
-# process listens on one of the ports, and after 20 s.
+# anonymous whoami. False, with the reason on stderr, as soon as either
+# server has ended or another process listens on one of the ports, and after
+# 20 s.
 wait_until_ready() {
     local dir=$1 i
     for ((i = 0; i < 800; i++)); do
-        is_ours "$KDC_PID" "$dir" && is_ours "$SLAPD_PID" "$dir" || return 1
-        ! port_shared "$KDC_PORT" "$KDC_PID" && ! port_shared "$LDAP_PORT" "$SLAPD_PID" || return 1
+        is_ours "$KDC_PID" "$dir" || { not_ready "krb5kdc (pid $KDC_PID) ended"; return 1; }
+        is_ours "$SLAPD_PID" "$dir" || { not_ready "slapd (pid $SLAPD_PID) ended"; return 1; }
+        ! port_shared "$KDC_PORT" "$KDC_PID" || { not_ready "another process listens on port $KDC_PORT"; return 1; }
+        ! port_shared "$LDAP_PORT" "$SLAPD_PID" || { not_ready "another process listens on port $LDAP_PORT"; return 1; }
         ports_owned && break
         sleep 0.025
     done
-    [ "$i" -lt 800 ] || return 1
-    ldapwhoami -x -H "ldap://127.0.0.1:$LDAP_PORT/" >/dev/null 2>&1 && ports_owned
+    [ "$i" -lt 800 ] || { not_ready "the servers did not listen within 20 s"; return 1; }
+    ldapwhoami -x -H "ldap://127.0.0.1:$LDAP_PORT/" >/dev/null 2>"$dir/whoami.err" ||
+        { not_ready "slapd did not answer whoami: $(cat "$dir/whoami.err")"; return 1; }
+    ports_owned || { not_ready "the ports were not the servers' alone after whoami"; return 1; }
 }
+
+not_ready() { echo "realm.sh: $*" >&2; }
 
 # Ports are chosen and bound under one lock per machine, so that realms
 # started at the same moment do not pick the same port. The lock file is
