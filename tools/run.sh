@@ -5,7 +5,7 @@
 # and, for CI and developers:
 #   bash tools/run.sh test --sanitize   the same suite built with AddressSanitizer and UBSan
 #   bash tools/run.sh test --valgrind   the plain build's suite under valgrind memcheck (long runs shortened)
-#   bash tools/run.sh bench [ldap|kerberos]   the benchmarks (bench/README.md)
+#   bash tools/run.sh bench [--smoke] [ldap|kerberos]   the benchmarks (bench/README.md)
 #   bash tools/run.sh consumer          install into a temporary prefix and build a consumer against it
 set -euo pipefail
 
