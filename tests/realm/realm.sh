@@ -244,10 +244,15 @@ ldif() {
     fi
 }
 
-# A value as one word of a kadmin command line: kadmin splits its lines at
-# blanks outside double quotes, and a doubled quote inside stands for one.
-kadmin_word() {
-    printf '"%s"' "${1//\"/\"\"}"
+# The values as words of a kadmin command line, blank-separated: kadmin
+# splits its lines at blanks outside double quotes, and a doubled quote inside
+# stands for one.
+kadmin_words() {
+    local word sep=
+    for word in "$@"; do
+        printf '%s"%s"' "$sep" "${word//\"/\"\"}"
+        sep=' '
+    done
 }
 
 # ---------------------------------------------------------------- configuration files
@@ -603,21 +608,19 @@ create_kdc_database() {
 
 # The kadmin.local session that makes the principals and the three keytabs.
 kadmin_commands() {
-    local dir=$1 service=${SERVICE_PRINCIPAL%@*} p users
+    local dir=$1 service=${SERVICE_PRINCIPAL%@*} p
     # Users need pre-authentication, as on a domain controller.
-    echo "addprinc +requires_preauth -pw $(kadmin_word "$USER_PASSWORD") $(kadmin_word "$USER_NAME")"
-    echo "addprinc +requires_preauth -pw $(kadmin_word "$USER2_PASSWORD") $(kadmin_word "$USER2_NAME")"
-    echo "addprinc +requires_preauth -pw $(kadmin_word "$CYR_USER_PASSWORD") $(kadmin_word "$CYR_USER_NAME")"
-    echo "addprinc -randkey $(kadmin_word "$service")"
-    for p in "${LDAP_PRINCIPALS[@]}"; do
-        echo "addprinc -randkey $(kadmin_word "$p")"
+    echo "addprinc +requires_preauth -pw $(kadmin_words "$USER_PASSWORD" "$USER_NAME")"
+    echo "addprinc +requires_preauth -pw $(kadmin_words "$USER2_PASSWORD" "$USER2_NAME")"
+    echo "addprinc +requires_preauth -pw $(kadmin_words "$CYR_USER_PASSWORD" "$CYR_USER_NAME")"
+    for p in "$service" "${LDAP_PRINCIPALS[@]}"; do
+        echo "addprinc -randkey $(kadmin_words "$p")"
     done
     # -norandkey: without it ktadd gives each principal new random keys, and a
     # user's password would no longer match the keytab.
-    users="$(kadmin_word "$USER_NAME") $(kadmin_word "$USER2_NAME") $(kadmin_word "$CYR_USER_NAME")"
-    echo "ktadd -k $(kadmin_word "$dir/service.keytab") -norandkey $(kadmin_word "$service")"
-    echo "ktadd -k $(kadmin_word "$dir/sso.keytab") -norandkey $(kadmin_word "$service") $users"
-    echo "ktadd -k $(kadmin_word "$dir/ldap.keytab") -norandkey$(for p in "${LDAP_PRINCIPALS[@]}"; do printf ' %s' "$(kadmin_word "$p")"; done)"
+    echo "ktadd -k $(kadmin_words "$dir/service.keytab") -norandkey $(kadmin_words "$service")"
+    echo "ktadd -k $(kadmin_words "$dir/sso.keytab") -norandkey $(kadmin_words "$service" "$USER_NAME" "$USER2_NAME" "$CYR_USER_NAME")"
+    echo "ktadd -k $(kadmin_words "$dir/ldap.keytab") -norandkey $(kadmin_words "${LDAP_PRINCIPALS[@]}")"
 }
 
 # kadmin.local answers 0 even when a command of its session fails, so its
