@@ -5,7 +5,7 @@
 # and, for CI and developers:
 #   bash tools/run.sh test --sanitize   the same suite built with AddressSanitizer and UBSan
 #   bash tools/run.sh test --valgrind   the plain build's suite under valgrind memcheck (long runs shortened)
-#   bash tools/run.sh bench [ldap|kerberos]   the benchmarks (bench/README.md)
+#   bash tools/run.sh bench [--smoke] [ldap|kerberos]   the benchmarks (bench/README.md)
 #   bash tools/run.sh consumer          install into a temporary prefix and build a consumer against it
 set -euo pipefail
 
@@ -22,7 +22,20 @@ packages=(
 )
 
 # Installs what is missing, without letting the packages start their system
-# services: the realm runs its own servers as plain processes.
+# services: the realm runs its own servers as plain processes. The
+# policy-rc.d that says so is removed again on every way out, signals
+# included, but only when this script put it there: one that was there before
+# belongs to the machine. ZMAUTH_POLICY_RC_D names another path, for the test
+# of this.
+policy_rc_d=${ZMAUTH_POLICY_RC_D:-/usr/sbin/policy-rc.d}
+own_policy=0
+remove_own_policy() {
+    if [ "$own_policy" = 1 ]; then
+        rm -f "$policy_rc_d"
+        own_policy=0
+    fi
+}
+
 ensure_packages() {
     local missing=() p
     for p in "${packages[@]}"; do
@@ -34,17 +47,21 @@ ensure_packages() {
         exit 1
     fi
     echo "Installing: ${missing[*]}"
-    local policy=/usr/sbin/policy-rc.d own_policy=0
-    if [ ! -e "$policy" ]; then
-        printf '#!/bin/sh\nexit 101\n' > "$policy"
-        chmod 755 "$policy"
+    trap remove_own_policy EXIT
+    trap 'exit 129' HUP
+    trap 'exit 130' INT
+    trap 'exit 143' TERM
+    # Created only if absent (noclobber), and marked ours only once created.
+    if [ ! -e "$policy_rc_d" ] && [ ! -L "$policy_rc_d" ] &&
+        (set -C && printf '#!/bin/sh\nexit 101\n' >"$policy_rc_d") 2>/dev/null; then
         own_policy=1
+        chmod 755 "$policy_rc_d"
     fi
     export DEBIAN_FRONTEND=noninteractive
     apt-get update -q
     apt-get install -y -q --no-install-recommends "${missing[@]}"
-    [ "$own_policy" = 1 ] && rm -f "$policy"
-    return 0
+    remove_own_policy
+    trap - EXIT HUP INT TERM
 }
 
 build() {

@@ -41,7 +41,15 @@ attributes[wide]="${attributes[typical]} telephoneNumber employeeID"
 mapping[wide]="${mapping[typical]}|telephoneNumber=PT_PHONE|employeeID=PT_WORKERNUM"
 
 realm=
-cleanup() { [ -n "$realm" ] && bash "$root/tests/realm/realm.sh" stop "$realm" >/dev/null 2>&1; [ -n "$realm" ] && rm -rf "$realm"; }
+# Also the EXIT trap: it must end in success when there is nothing to stop,
+# or set -e turns a finished run into a failed one.
+cleanup() {
+    if [ -n "$realm" ]; then
+        bash "$root/tests/realm/realm.sh" stop "$realm" >/dev/null 2>&1 || true
+        rm -rf "$realm"
+        realm=
+    fi
+}
 trap cleanup EXIT
 
 # "seconds KiB" of one run; the program's own output goes to /dev/null.
@@ -81,7 +89,10 @@ for users in "${sizes[@]}"; do
         for c in "${commands[@]}"; do run_one "$c" >/dev/null; done
         for ((i = 0; i < runs; i++)); do
             for c in "${commands[@]}"; do
-                read -r s k < <(run_one "$c")
+                # Not read from a process substitution: a failed run must end
+                # the benchmark.
+                out=$(run_one "$c")
+                read -r s k <<<"$out"
                 walls[$c]+="$s "
                 mems[$c]+="$k "
             done
@@ -99,5 +110,4 @@ for users in "${sizes[@]}"; do
         done
     done
     cleanup
-    realm=
 done

@@ -77,6 +77,11 @@ struct PtyRun {
     int signal = 0;
 };
 
+// How long to wait for the tool on its terminal: a guard against a hang only,
+// many times what the slowest run needs, since the reads end at the awaited
+// text or at the end of output.
+constexpr int ptyGuardMs = 60000;
+
 QByteArray readPty(int fd, int ms, const QByteArray &until = QByteArray())
 {
     QByteArray data;
@@ -116,7 +121,7 @@ PtyRun runOnTerminal(const QStringList &args, const QByteArray &input, bool inte
         execv(argv[0], argv.data());
         _exit(127);
     }
-    result.screen = readPty(fd, 5000, "Password");
+    result.screen = readPty(fd, ptyGuardMs, "Password");
     // The tool switches echo off before it prompts.
     termios attributes;
     if (tcgetattr(fd, &attributes) == 0)
@@ -125,7 +130,7 @@ PtyRun runOnTerminal(const QStringList &args, const QByteArray &input, bool inte
         kill(pid, SIGINT);
     else
         (void)!write(fd, input.constData(), size_t(input.size()));
-    result.screen += readPty(fd, 5000);
+    result.screen += readPty(fd, ptyGuardMs);
     int status = 0;
     waitpid(pid, &status, 0);
     if (tcgetattr(fd, &attributes) == 0)

@@ -4,12 +4,18 @@
 #
 #   realm.sh start DIR [--bulk N] [--sizelimit N | --size-limit SPEC]
 #   realm.sh stop DIR
+#   realm.sh check-ports DIR
 #
 # Everything a test needs is written to DIR/realm.env (see README.md).
 # Nothing of the machine's own Kerberos or LDAP configuration is read by the
 # servers: each gets its configuration files from DIR through its command line
 # or KRB5_CONFIG / KRB5_KDC_PROFILE.
+#
+# Read top to bottom: the fixed names, processes, ports, text helpers, the
+# configuration files, the directory content, then the steps of a start in
+# the order start_realm runs them, and the command line.
 set -euo pipefail
+shopt -s inherit_errexit
 umask 022
 export PATH="$PATH:/usr/sbin:/usr/bin:/sbin:/bin"
 export LC_ALL=C.UTF-8
@@ -41,6 +47,16 @@ FIXED_USERS='alice bob carol dave ivan twin twin'
 FIXED_USER_COUNT=7
 
 MARKER=.zmauth-realm
+PORT_LOCK=${TMPDIR:-/tmp}/zmauth-realm-ports.lock
+
+# Set by the start steps below, read by the later ones.
+HOST_SHORT=
+HOST_FQDN=
+LDAP_PRINCIPALS=()
+KDC_PORT=
+LDAP_PORT=
+KDC_PID=
+SLAPD_PID=
 
 die() { echo "realm.sh: $*" >&2; exit 1; }
 now_ms() { date +%s%3N; }
@@ -49,20 +65,17 @@ usage() {
     cat >&2 <<'EOF'
 usage: realm.sh start DIR [--bulk N] [--sizelimit N | --size-limit SPEC]
        realm.sh stop DIR
+       realm.sh check-ports DIR
 EOF
     exit 2
 }
 
 # ---------------------------------------------------------------- processes
 
-# True when PID is a live (not zombie) process whose command line names DIR,
-# i.e. one of the servers this realm started and not a recycled PID.
-is_ours() {
-    local pid=$1 dir=$2 cmd
-    [[ $pid =~ ^[0-9]+$ ]] || return 1
-    running "$pid" || return 1
-    cmd=$(tr '\0' ' ' 2>/dev/null <"/proc/$pid/cmdline") || return 1
-    [[ $cmd == *"$dir/"* ]]
+# stat_field PID N: field N of /proc/PID/stat after the command name
+# (1 the state, 2 the parent's PID).
+stat_field() {
+    sed -e 's/^.*) //' "/proc/$1/stat" 2>/dev/null | cut -d' ' -f"$2"
 }
 
 # True while PID exists and is not a zombie. An exiting process loses its
@@ -70,8 +83,21 @@ is_ours() {
 running() {
     local state
     [ -r "/proc/$1/stat" ] || return 1
-    state=$(sed -e 's/^.*) //' "/proc/$1/stat" 2>/dev/null | cut -d' ' -f1) || return 1
+    state=$(stat_field "$1" 1) || return 1
     [ -n "$state" ] && [ "$state" != Z ] && [ "$state" != X ]
+}
+
+# True when PID is a live process that this realm started and not a recycled
+# PID: its command line names DIR, or, during a start, it is a child of this
+# script (a server just forked still has this script's command line until it
+# has executed its program).
+is_ours() {
+    local pid=$1 dir=$2 cmd
+    [[ $pid =~ ^[0-9]+$ ]] || return 1
+    running "$pid" || return 1
+    [ "$(stat_field "$pid" 2)" != $$ ] || return 0
+    cmd=$(tr '\0' ' ' 2>/dev/null <"/proc/$pid/cmdline") || return 1
+    [[ $cmd == *"$dir/"* ]]
 }
 
 # The PIDs recorded in DIR/realm.pids (one "name pid" line per server).
@@ -81,8 +107,26 @@ recorded_pids() {
     awk '{ print $2 }' "$dir/realm.pids"
 }
 
+# wait_ended TRIES PID...: true once none of the PIDs runs, polling every
+# 50 ms at most TRIES times.
+wait_ended() {
+    local tries=$1 i pid left
+    shift
+    for ((i = 0; i < tries; i++)); do
+        left=0
+        for pid in "$@"; do
+            running "$pid" && left=1
+        done
+        [ $left = 1 ] || return 0
+        sleep 0.05
+    done
+    return 1
+}
+
+# Ends the servers recorded in DIR: TERM, and KILL for what is left after
+# 10 s (slapd flushes its database on TERM).
 stop_realm() {
-    local dir=$1 pid live=() i
+    local dir=$1 pid live=()
     [ -d "$dir" ] || return 0
     for pid in $(recorded_pids "$dir"); do
         if is_ours "$pid" "$dir"; then
@@ -91,65 +135,79 @@ stop_realm() {
         fi
     done
     [ ${#live[@]} -gt 0 ] || return 0
-    # slapd flushes its database on TERM; give both servers up to 10 s.
-    for ((i = 0; i < 200; i++)); do
-        local left=()
-        for pid in "${live[@]}"; do
-            running "$pid" && left+=("$pid")
-        done
-        [ ${#left[@]} -gt 0 ] || return 0
-        sleep 0.05
-    done
+    wait_ended 200 "${live[@]}" && return 0
     for pid in "${live[@]}"; do
         if is_ours "$pid" "$dir"; then
             echo "realm.sh: process $pid did not end on TERM, killing it" >&2
             kill -KILL "$pid" 2>/dev/null || true
         fi
     done
-    for ((i = 0; i < 100; i++)); do
-        local left=()
-        for pid in "${live[@]}"; do
-            running "$pid" && left+=("$pid")
-        done
-        [ ${#left[@]} -gt 0 ] || return 0
-        sleep 0.05
-    done
-    die "processes ${live[*]} of $dir are still running"
+    wait_ended 100 "${live[@]}" || die "processes ${live[*]} of $dir are still running"
 }
 
 # ---------------------------------------------------------------- ports
 
-# Socket inodes bound to 127.0.0.1/any address on PORT (tcp, tcp6, udp, udp6).
-port_inodes() {
-    local port=$1 hex
+# "file state inode" of every socket whose local port is PORT, on any address
+# (tcp, tcp6, udp, udp6). State is the kernel's hex code: 0A a listening TCP
+# socket, 06 TIME_WAIT, 01 an established TCP or connected UDP socket, 07 an
+# unconnected UDP socket.
+port_sockets() {
+    local port=$1 hex f files=()
     hex=$(printf ':%04X' "$port")
-    awk -v h="$hex" 'FNR > 1 && substr($2, length($2) - 4) == h { print $10 }' \
-        /proc/net/tcp /proc/net/tcp6 /proc/net/udp /proc/net/udp6 2>/dev/null
+    for f in tcp tcp6 udp udp6; do
+        [ -r "/proc/net/$f" ] && files+=("/proc/net/$f")
+    done
+    awk -v h="$hex" 'FNR > 1 && substr($2, length($2) - 4) == h {
+        f = FILENAME; sub(/.*\//, "", f); print f, $4, $10 }' "${files[@]}"
 }
 
-port_free() { [ -z "$(port_inodes "$1")" ]; }
+# Free for a new server: no socket of any kind on the port.
+port_free() { [ -z "$(port_sockets "$1")" ]; }
+
+# Inodes of the sockets that serve PORT: listening TCP and unconnected UDP.
+# TIME_WAIT sockets (inode 0, of no process), connections the server accepted
+# and a client's connection that happens to use the port number do not serve
+# it, and do not count.
+listening_inodes() {
+    port_sockets "$1" | awk '($1 ~ /^tcp/ && $2 == "0A") || ($1 ~ /^udp/ && $2 == "07") { print $3 }'
+}
 
 # Socket inodes held open by PID.
 pid_inodes() {
     local pid=$1 fd
     for fd in /proc/"$pid"/fd/*; do
         fd=$(readlink "$fd" 2>/dev/null) || continue
-        [[ $fd =~ ^socket:\[([0-9]+)\]$ ]] && echo "${BASH_REMATCH[1]}"
+        if [[ $fd =~ ^socket:\[([0-9]+)\]$ ]]; then echo "${BASH_REMATCH[1]}"; fi
     done
 }
 
-# True when PORT has at least WANT sockets and all of them belong to PID.
-# krb5kdc binds with address reuse, so a second server on the same port would
-# start without complaint; this is how a shared port is noticed.
-port_owned_by() {
-    local port=$1 pid=$2 want=$3 mine all n=0 inode
-    all=$(port_inodes "$port")
+# "OWN OTHER": how many listening sockets on PORT belong to PID and how many
+# to someone else. The sockets are listed before PID's descriptors are read,
+# so a socket that PID is opening meanwhile is never taken for a stranger's.
+port_holders() {
+    local port=$1 pid=$2 listening mine inode own=0 other=0
+    listening=$(listening_inodes "$port")
     mine=" $(pid_inodes "$pid" | tr '\n' ' ') "
-    for inode in $all; do
-        [[ $mine == *" $inode "* ]] || return 1
-        n=$((n + 1))
+    for inode in $listening; do
+        if [[ $mine == *" $inode "* ]]; then own=$((own + 1)); else other=$((other + 1)); fi
     done
-    [ "$n" -ge "$want" ]
+    echo "$own $other"
+}
+
+# True when PORT has at least WANT listening sockets and all of them belong to
+# PID. krb5kdc binds with address reuse, so a second server on the same port
+# would start without complaint; this is how a shared port is noticed.
+port_owned_by() {
+    local own other
+    read -r own other < <(port_holders "$1" "$2")
+    [ "$other" -eq 0 ] && [ "$own" -ge "$3" ]
+}
+
+# True when another process listens on PORT beside PID.
+port_shared() {
+    local own other
+    read -r own other < <(port_holders "$1" "$2")
+    [ "$other" -gt 0 ]
 }
 
 random_port() {
@@ -160,7 +218,7 @@ random_port() {
     done
 }
 
-# ---------------------------------------------------------------- files
+# ---------------------------------------------------------------- text
 
 # One KEY=VALUE line of realm.env; values with blanks or non-ASCII text are
 # single-quoted so that the file can be sourced by a shell.
@@ -186,6 +244,20 @@ ldif() {
     fi
 }
 
+# The values as words of a kadmin command line, blank-separated: kadmin
+# splits its lines at blanks outside double quotes, and a doubled quote inside
+# stands for one.
+kadmin_words() {
+    local word sep=
+    for word in "$@"; do
+        printf '%s"%s"' "$sep" "${word//\"/\"\"}"
+        sep=' '
+    done
+}
+
+# ---------------------------------------------------------------- configuration files
+
+# krb5.conf for the clients: FILE, the KDC's port, extra [libdefaults] lines.
 write_krb5_conf() {
     local file=$1 kdc_port=$2 extra=$3
     cat >"$file" <<EOF
@@ -242,15 +314,26 @@ write_kdc_conf() {
 EOF
 }
 
+# The Kerberos files for a KDC on KDC_PORT: the clients' krb5.conf, slapd's
+# own copy and the KDC profile.
+write_kerberos_conf() {
+    local dir=$1 kdc_port=$2
+    write_krb5_conf "$dir/krb5.conf" "$kdc_port" ""
+    # slapd accepts a ticket for any ldap/<host> key of its keytab: the
+    # client names the machine's own host name when it talks to 127.0.0.1.
+    write_krb5_conf "$dir/slapd-krb5.conf" "$kdc_port" "    ignore_acceptor_hostname = true"
+    write_kdc_conf "$dir" "$kdc_port"
+}
+
 write_slapd_conf() {
     local dir=$1 sizelimit=$2
     cat >"$dir/slapd.conf" <<EOF
 # slapd configuration of the throwaway realm (generated).
 include     /etc/ldap/schema/core.schema
-include     $dir/zmauth.schema
+include     "$dir/zmauth.schema"
 
-pidfile     $dir/slapd.pid
-argsfile    $dir/slapd.args
+pidfile     "$dir/slapd.pid"
+argsfile    "$dir/slapd.args"
 
 modulepath  /usr/lib/ldap
 moduleload  back_mdb
@@ -270,8 +353,8 @@ database    mdb
 maxsize     4294967296
 suffix      "$BASE_DN"
 rootdn      "$ADMIN_DN"
-rootpw      $ADMIN_PASSWORD
-directory   $dir/db
+rootpw      "$ADMIN_PASSWORD"
+directory   "$dir/db"
 index       objectClass eq
 index       objectCategory eq
 index       sAMAccountName eq
@@ -285,6 +368,8 @@ access to *
     by * read
 EOF
 }
+
+# ---------------------------------------------------------------- directory content
 
 write_fixed_ldif() {
     cat <<EOF
@@ -444,16 +529,16 @@ write_bulk_ldif() {
     }'
 }
 
-# ---------------------------------------------------------------- start
+# ---------------------------------------------------------------- start, step by step
 
-start_realm() {
-    local dir=$1 bulk=$2 sizelimit=$3 t0 t1
-    t0=$(now_ms)
+# Makes DIR an empty realm directory and prints its physical path. A realm
+# already there is stopped and replaced; anything else is left alone.
+prepare_dir() {
+    local dir=$1
     [[ $dir != *[[:space:]\'\"]* ]] || die "the directory path must not contain blanks or quotes: $dir"
-
     if [ -e "$dir" ]; then
         if [ -e "$dir/$MARKER" ]; then
-            stop_realm "$dir"
+            stop_realm "$(cd "$dir" && pwd -P)"
             rm -rf "$dir"
         elif [ -d "$dir" ] && [ -z "$(ls -A "$dir")" ]; then
             rmdir "$dir"
@@ -467,133 +552,203 @@ start_realm() {
     mkdir -p "$dir/krb5kdc" "$dir/db" "$dir/rcache" "$dir/ccache"
     cp "$HERE/zmauth.schema" "$dir/zmauth.schema"
     : >"$dir/realm.pids"
+    echo "$dir"
+}
 
-    # libldap names the machine's own canonical host name when the peer is
-    # 127.0.0.1 (what hostname -f finds); Kerberos lowercases host names.
+# HOST_SHORT, HOST_FQDN and LDAP_PRINCIPALS. libldap names the machine's own
+# canonical host name when the peer is 127.0.0.1 (what hostname -f finds);
+# Kerberos lowercases host names.
+find_host_names() {
+    local h
     HOST_SHORT=$(hostname)
     HOST_FQDN=$(hostname -f 2>/dev/null || true)
     [ -n "$HOST_FQDN" ] || HOST_FQDN=$HOST_SHORT
     HOST_SHORT=${HOST_SHORT,,}
     HOST_FQDN=${HOST_FQDN,,}
+    LDAP_PRINCIPALS=()
+    for h in localhost 127.0.0.1 "$HOST_SHORT" "$HOST_FQDN"; do
+        [[ " ${LDAP_PRINCIPALS[*]} " == *" ldap/$h "* ]] || LDAP_PRINCIPALS+=("ldap/$h")
+    done
+}
 
+# The environment of the set-up tools and the servers: this realm's files
+# only, never the machine's.
+use_realm_environment() {
+    local dir=$1
     export KRB5_CONFIG=$dir/krb5.conf
     export KRB5_KDC_PROFILE=$dir/kdc.conf
     export KRB5RCACHEDIR=$dir/rcache
     export KRB5CCNAME=FILE:$dir/ccache/realm-start
     unset KRB5_KTNAME KRB5_CLIENT_KTNAME KRB5_TRACE
     export LDAPNOINIT=1
+}
 
-    # Configuration for the database tools; the ports are filled in later.
-    write_krb5_conf "$dir/krb5.conf" 88 ""
-    write_kdc_conf "$dir" 88
+# Configuration for the database tools; the servers' ports are written when
+# they are chosen.
+write_config_files() {
+    local dir=$1 sizelimit=$2
+    write_kerberos_conf "$dir" 88
     write_slapd_conf "$dir" "$sizelimit"
     : >"$dir/krb5kdc/kadm5.acl"
+}
 
-    # --- Kerberos database, principals and keytabs
-    kdb5_util -r "$REALM" create -s -P "master-$RANDOM$RANDOM" >"$dir/kdb5_util.log" 2>&1 ||
-        { cat "$dir/kdb5_util.log" >&2; die "kdb5_util create failed"; }
-    local hosts=(localhost 127.0.0.1 "$HOST_SHORT") h ldap_princs=()
-    [ "$HOST_FQDN" = "$HOST_SHORT" ] || hosts+=("$HOST_FQDN")
-    for h in "${hosts[@]}"; do ldap_princs+=("ldap/$h"); done
-    {
-        # Users need pre-authentication, as on a domain controller.
-        echo "addprinc +requires_preauth -pw $USER_PASSWORD $USER_NAME"
-        echo "addprinc +requires_preauth -pw $USER2_PASSWORD $USER2_NAME"
-        echo "addprinc +requires_preauth -pw $CYR_USER_PASSWORD $CYR_USER_NAME"
-        echo "addprinc -randkey ${SERVICE_PRINCIPAL%@*}"
-        for h in "${ldap_princs[@]}"; do echo "addprinc -randkey $h"; done
-        # -norandkey: without it ktadd gives each principal new random keys,
-        # and a user's password would no longer match the keytab.
-        echo "ktadd -k $dir/service.keytab -norandkey ${SERVICE_PRINCIPAL%@*}"
-        echo "ktadd -k $dir/sso.keytab -norandkey ${SERVICE_PRINCIPAL%@*} $USER_NAME $USER2_NAME $CYR_USER_NAME"
-        echo "ktadd -k $dir/ldap.keytab -norandkey ${ldap_princs[*]}"
-    } | kadmin.local -r "$REALM" >"$dir/kadmin.log" 2>&1 ||
-        { cat "$dir/kadmin.log" >&2; die "kadmin.local failed"; }
+# run_logged LOG WHAT COMMAND...: runs the command with its output in LOG,
+# and shows that output if it fails.
+run_logged() {
+    local log=$1 what=$2
+    shift 2
+    "$@" >"$log" 2>&1 || { cat "$log" >&2; die "$what failed"; }
+}
+
+create_kdc_database() {
+    local dir=$1
+    run_logged "$dir/kdb5_util.log" "kdb5_util create" \
+        kdb5_util -r "$REALM" create -s -P "master-$RANDOM$RANDOM"
+}
+
+# The kadmin.local session that makes the principals and the three keytabs.
+kadmin_commands() {
+    local dir=$1 service=${SERVICE_PRINCIPAL%@*} p
+    # Users need pre-authentication, as on a domain controller.
+    echo "addprinc +requires_preauth -pw $(kadmin_words "$USER_PASSWORD" "$USER_NAME")"
+    echo "addprinc +requires_preauth -pw $(kadmin_words "$USER2_PASSWORD" "$USER2_NAME")"
+    echo "addprinc +requires_preauth -pw $(kadmin_words "$CYR_USER_PASSWORD" "$CYR_USER_NAME")"
+    for p in "$service" "${LDAP_PRINCIPALS[@]}"; do
+        echo "addprinc -randkey $(kadmin_words "$p")"
+    done
+    # -norandkey: without it ktadd gives each principal new random keys, and a
+    # user's password would no longer match the keytab.
+    echo "ktadd -k $(kadmin_words "$dir/service.keytab") -norandkey $(kadmin_words "$service")"
+    echo "ktadd -k $(kadmin_words "$dir/sso.keytab") -norandkey $(kadmin_words "$service" "$USER_NAME" "$USER2_NAME" "$CYR_USER_NAME")"
+    echo "ktadd -k $(kadmin_words "$dir/ldap.keytab") -norandkey $(kadmin_words "${LDAP_PRINCIPALS[@]}")"
+}
+
+# kadmin.local answers 0 even when a command of its session fails, so its
+# output is read as well.
+add_principals_and_keytabs() {
+    local dir=$1
+    kadmin_commands "$dir" | run_logged "$dir/kadmin.log" kadmin.local kadmin.local -r "$REALM"
     if grep -qiE 'error|fail|usage' "$dir/kadmin.log"; then
         cat "$dir/kadmin.log" >&2
         die "kadmin.local reported an error"
     fi
+}
 
-    # --- directory database
+# The fixed entries and BULK generated users, loaded before slapd runs.
+load_directory() {
+    local dir=$1 bulk=$2
     { write_fixed_ldif; [ "$bulk" -eq 0 ] || write_bulk_ldif "$bulk"; } |
-        slapadd -q -f "$dir/slapd.conf" >"$dir/slapadd.log" 2>&1 ||
-        { cat "$dir/slapadd.log" >&2; die "slapadd failed"; }
-    t1=$(now_ms)
+        run_logged "$dir/slapadd.log" slapadd slapadd -q -f "$dir/slapd.conf"
+}
 
-    # --- servers. Ports are chosen and bound under one lock per machine so
-    # that realms started at the same moment do not pick the same port.
-    local lock=${TMPDIR:-/tmp}/zmauth-realm-ports.lock attempt kdc_port ldap_port kdc_pid slapd_pid ok
-    # Opened for reading: the file may belong to another user (flock does not
-    # care about the open mode).
-    [ -e "$lock" ] || (umask 0 && : >>"$lock") 2>/dev/null || true
-    exec 9<"$lock" || die "cannot open $lock"
-    flock -w 60 9 || die "could not lock $lock"
+# The servers run detached (own session, stdio on files, the port lock's
+# descriptor closed) so that whoever started the realm, ctest included, is not
+# kept waiting. Each sets KDC_PID or SLAPD_PID and records it in realm.pids.
+start_kdc() {
+    local dir=$1
+    setsid krb5kdc -n -r "$REALM" -P "$dir/kdc.pid" \
+        </dev/null >"$dir/kdc.out" 2>&1 9>&- &
+    KDC_PID=$!
+    echo "krb5kdc $KDC_PID" >>"$dir/realm.pids"
+}
+
+start_slapd() {
+    local dir=$1
+    KRB5_CONFIG=$dir/slapd-krb5.conf KRB5_KTNAME=FILE:$dir/ldap.keytab \
+        setsid slapd -d 256 -f "$dir/slapd.conf" -h "ldap://127.0.0.1:$LDAP_PORT/" \
+        </dev/null >"$dir/slapd.log" 2>&1 9>&- &
+    SLAPD_PID=$!
+    echo "slapd $SLAPD_PID" >>"$dir/realm.pids"
+}
+
+# Both servers hold their ports alone: the KDC a UDP and a TCP socket, slapd
+# one TCP socket.
+ports_owned() {
+    port_owned_by "$KDC_PORT" "$KDC_PID" 2 && port_owned_by "$LDAP_PORT" "$SLAPD_PID" 1
+}
+
+# True once both servers listen on their ports, alone, and slapd answers an
+# anonymous whoami. False, with the reason on stderr, as soon as either
+# server has ended or another process listens on one of the ports, and after
+# 20 s.
+wait_until_ready() {
+    local dir=$1 i
+    for ((i = 0; i < 800; i++)); do
+        is_ours "$KDC_PID" "$dir" || { not_ready "krb5kdc (pid $KDC_PID) ended"; return 1; }
+        is_ours "$SLAPD_PID" "$dir" || { not_ready "slapd (pid $SLAPD_PID) ended"; return 1; }
+        ! port_shared "$KDC_PORT" "$KDC_PID" || { not_ready "another process listens on port $KDC_PORT"; return 1; }
+        ! port_shared "$LDAP_PORT" "$SLAPD_PID" || { not_ready "another process listens on port $LDAP_PORT"; return 1; }
+        ports_owned && break
+        sleep 0.025
+    done
+    [ "$i" -lt 800 ] || { not_ready "the servers did not listen within 20 s"; return 1; }
+    ldapwhoami -x -H "ldap://127.0.0.1:$LDAP_PORT/" >/dev/null 2>"$dir/whoami.err" ||
+        { not_ready "slapd did not answer whoami: $(cat "$dir/whoami.err")"; return 1; }
+    ports_owned || { not_ready "the ports were not the servers' alone after whoami"; return 1; }
+}
+
+not_ready() { echo "realm.sh: $*" >&2; }
+
+# Ports are chosen and bound under one lock per machine, so that realms
+# started at the same moment do not pick the same port. The lock file is
+# opened for reading: it may belong to another user (flock does not care).
+lock_ports() {
+    [ -e "$PORT_LOCK" ] || (umask 0 && : >>"$PORT_LOCK") 2>/dev/null || true
+    exec 9<"$PORT_LOCK" || die "cannot open $PORT_LOCK"
+    flock -w 120 9 || die "could not lock $PORT_LOCK"
+}
+
+unlock_ports() {
+    flock -u 9
+    exec 9>&-
+}
+
+# Picks two free ports and starts both servers on them; on a failure it stops
+# them and tries other ports, five times in all.
+start_servers() {
+    local dir=$1 attempt
+    lock_ports
     for attempt in 1 2 3 4 5; do
-        kdc_port=$(random_port)
-        ldap_port=$(random_port)
+        KDC_PORT=$(random_port)
+        LDAP_PORT=$(random_port)
         # Test hook: the first attempt takes these ports even if they are
         # busy, to imitate another server binding them at the same moment.
         if [ $attempt = 1 ] && [ -n "${ZMAUTH_REALM_FIRST_PORTS:-}" ]; then
-            read -r kdc_port ldap_port <<<"$ZMAUTH_REALM_FIRST_PORTS"
+            read -r KDC_PORT LDAP_PORT <<<"$ZMAUTH_REALM_FIRST_PORTS"
         fi
-        [ "$kdc_port" != "$ldap_port" ] || continue
-        write_krb5_conf "$dir/krb5.conf" "$kdc_port" ""
-        # slapd accepts a ticket for any ldap/<host> key of its keytab: the
-        # client names the machine's own host name when it talks to 127.0.0.1.
-        write_krb5_conf "$dir/slapd-krb5.conf" "$kdc_port" "    ignore_acceptor_hostname = true"
-        write_kdc_conf "$dir" "$kdc_port"
-
-        # Detached (own session, stdio on files, lock fd closed) so that
-        # whoever started the realm, ctest included, is not kept waiting.
-        setsid krb5kdc -n -r "$REALM" -P "$dir/kdc.pid" \
-            </dev/null >"$dir/kdc.out" 2>&1 9>&- &
-        kdc_pid=$!
-        echo "krb5kdc $kdc_pid" >>"$dir/realm.pids"
-        KRB5_CONFIG=$dir/slapd-krb5.conf KRB5_KTNAME=FILE:$dir/ldap.keytab \
-            setsid slapd -d 256 -f "$dir/slapd.conf" -h "ldap://127.0.0.1:$ldap_port/" \
-            </dev/null >"$dir/slapd.log" 2>&1 9>&- &
-        slapd_pid=$!
-        echo "slapd $slapd_pid" >>"$dir/realm.pids"
-
-        ok=0
-        local i
-        for ((i = 0; i < 200; i++)); do
-            if ! is_ours "$kdc_pid" "$dir" || ! is_ours "$slapd_pid" "$dir"; then
-                break
-            fi
-            # The KDC holds a UDP and a TCP socket, slapd one TCP socket.
-            if port_owned_by "$kdc_port" "$kdc_pid" 2 && port_owned_by "$ldap_port" "$slapd_pid" 1; then
-                ok=1
-                break
-            fi
-            sleep 0.025
-        done
-        if [ $ok = 1 ] && ldapwhoami -x -H "ldap://127.0.0.1:$ldap_port/" >/dev/null 2>&1 &&
-            port_owned_by "$kdc_port" "$kdc_pid" 2 && port_owned_by "$ldap_port" "$slapd_pid" 1; then
-            break
+        [ "$KDC_PORT" != "$LDAP_PORT" ] || continue
+        write_kerberos_conf "$dir" "$KDC_PORT"
+        start_kdc "$dir"
+        start_slapd "$dir"
+        if wait_until_ready "$dir"; then
+            unlock_ports
+            return 0
         fi
-        ok=0
-        echo "realm.sh: attempt $attempt on ports $kdc_port/$ldap_port failed (see $dir/kdc.log, $dir/slapd.log)" >&2
+        echo "realm.sh: attempt $attempt on ports $KDC_PORT/$LDAP_PORT failed (see $dir/kdc.log, $dir/slapd.log)" >&2
         stop_realm "$dir"
         : >"$dir/realm.pids"
     done
-    flock -u 9
-    exec 9>&-
-    [ $ok = 1 ] || { tail -n 20 "$dir/kdc.out" "$dir/kdc.log" "$dir/slapd.log" >&2 || true; die "the servers did not start"; }
+    unlock_ports
+    tail -n 20 "$dir/kdc.out" "$dir/kdc.log" "$dir/slapd.log" >&2 || true
+    die "the servers did not start"
+}
 
-    local ldap_uri=ldap://127.0.0.1:$ldap_port/
+# DIR/realm.env, written last and renamed into place, so that its presence
+# means the realm is up.
+write_realm_env() {
+    local dir=$1 bulk=$2 sizelimit=$3
     {
         echo "# The throwaway realm in $dir (generated by realm.sh; source it or read it)."
         env_line REALM_DIR "$dir"
         env_line KRB5_REALM "$REALM"
-        env_line KDC_PORT "$kdc_port"
+        env_line KDC_PORT "$KDC_PORT"
         env_line KRB5_CONFIG "$dir/krb5.conf"
         env_line KRB5_KDC_PROFILE "$dir/kdc.conf"
         env_line KRB5RCACHEDIR "$dir/rcache"
         env_line CCACHE_DIR "$dir/ccache"
         env_line LDAP_HOST 127.0.0.1
-        env_line LDAP_PORT "$ldap_port"
-        env_line LDAP_URI "$ldap_uri"
+        env_line LDAP_PORT "$LDAP_PORT"
+        env_line LDAP_URI "ldap://127.0.0.1:$LDAP_PORT/"
         env_line BASE_DN "$BASE_DN"
         env_line USERS_DN "$USERS_DN"
         env_line STAFF_DN "$STAFF_DN"
@@ -614,46 +769,92 @@ start_realm() {
         env_line SERVICE_KEYTAB "$dir/service.keytab"
         env_line SSO_KEYTAB "$dir/sso.keytab"
         env_line LDAP_KEYTAB "$dir/ldap.keytab"
-        env_line LDAP_PRINCIPALS "${ldap_princs[*]}"
+        env_line LDAP_PRINCIPALS "${LDAP_PRINCIPALS[*]}"
         env_line FIXED_USERS "$FIXED_USERS"
         env_line FIXED_USER_COUNT "$FIXED_USER_COUNT"
-        env_line KDC_PID "$kdc_pid"
-        env_line SLAPD_PID "$slapd_pid"
+        env_line KDC_PID "$KDC_PID"
+        env_line SLAPD_PID "$SLAPD_PID"
     } >"$dir/realm.env.tmp"
     mv "$dir/realm.env.tmp" "$dir/realm.env"
-    rm -f "$dir/ccache/realm-start"
-    echo "realm $REALM in $dir: kdc 127.0.0.1:$kdc_port (pid $kdc_pid), ldap $ldap_uri (pid $slapd_pid), $bulk bulk users; set up in $((t1 - t0)) ms, started in $(($(now_ms) - t0)) ms"
 }
 
-# ---------------------------------------------------------------- main
+start_realm() {
+    local dir=$1 bulk=$2 sizelimit=$3 t0 t1
+    t0=$(now_ms)
+    dir=$(prepare_dir "$dir")
+    find_host_names
+    use_realm_environment "$dir"
+    write_config_files "$dir" "$sizelimit"
+    create_kdc_database "$dir"
+    add_principals_and_keytabs "$dir"
+    load_directory "$dir" "$bulk"
+    t1=$(now_ms)
+    start_servers "$dir"
+    write_realm_env "$dir" "$bulk" "$sizelimit"
+    rm -f "$dir/ccache/realm-start"
+    echo "realm $REALM in $dir: kdc 127.0.0.1:$KDC_PORT (pid $KDC_PID), ldap ldap://127.0.0.1:$LDAP_PORT/ (pid $SLAPD_PID), $bulk bulk users; set up in $((t1 - t0)) ms, started in $(($(now_ms) - t0)) ms"
+}
 
-[ $# -ge 2 ] || usage
-cmd=$1
-dir=$2
-shift 2
-case $cmd in
-start)
-    bulk=0
-    sizelimit=unlimited
-    while [ $# -gt 0 ]; do
-        case $1 in
-        --bulk) [ $# -ge 2 ] && [[ $2 =~ ^[0-9]+$ ]] || usage; bulk=$2; shift 2 ;;
-        --sizelimit) [ $# -ge 2 ] && [[ $2 =~ ^([0-9]+|unlimited)$ ]] || usage; sizelimit=$2; shift 2 ;;
-        # slapd's own limit words, e.g. a domain controller's MaxPageSize:
-        # 'size.soft=1000 size.hard=1000 size.pr=1000 size.prtotal=unlimited'
-        --size-limit)
-            [ $# -ge 2 ] && [[ $2 =~ ^size(\.[a-z]+)?=([0-9]+|unlimited|none|disabled|noEstimate)(\ +size(\.[a-z]+)?=([0-9]+|unlimited|none|disabled|noEstimate))*$ ]] || usage
-            sizelimit=$2; shift 2 ;;
-        *) usage ;;
-        esac
-    done
-    [ "$sizelimit" != 0 ] || sizelimit=unlimited
-    start_realm "$dir" "$bulk" "$sizelimit"
-    ;;
-stop)
-    [ $# -eq 0 ] || usage
-    [ -d "$dir" ] || exit 0
-    stop_realm "$(cd "$dir" && pwd -P)"
-    ;;
-*) usage ;;
-esac
+# ---------------------------------------------------------------- check-ports
+
+# check_ports DIR: one line per server saying whether its port is served by
+# it alone; true when both are. Reads only realm.env and /proc.
+check_ports() {
+    local dir=$1 ok=0 name port pid want
+    [ -r "$dir/realm.env" ] || die "no realm in $dir"
+    # shellcheck disable=SC1091
+    read -r KDC_PORT LDAP_PORT KDC_PID SLAPD_PID < <(
+        . "$dir/realm.env" && echo "$KDC_PORT $LDAP_PORT $KDC_PID $SLAPD_PID")
+    while read -r name port pid want; do
+        if port_owned_by "$port" "$pid" "$want"; then
+            echo "$name port $port: owned by pid $pid"
+        else
+            echo "$name port $port: not owned by pid $pid alone (listening sockets: $(listening_inodes "$port" | xargs))"
+            ok=1
+        fi
+    done <<EOF
+kdc $KDC_PORT $KDC_PID 2
+ldap $LDAP_PORT $SLAPD_PID 1
+EOF
+    return $ok
+}
+
+# ---------------------------------------------------------------- command line
+
+# slapd's own limit words, e.g. a domain controller's MaxPageSize:
+# 'size.soft=1000 size.hard=1000 size.pr=1000 size.prtotal=unlimited'
+SIZE_WORD='size(\.[a-z]+)?=([0-9]+|unlimited|none|disabled|noEstimate)'
+
+main() {
+    [ $# -ge 2 ] || usage
+    local cmd=$1 dir=$2 bulk=0 sizelimit=unlimited
+    shift 2
+    case $cmd in
+    start)
+        while [ $# -gt 0 ]; do
+            case $1 in
+            --bulk) [ $# -ge 2 ] && [[ $2 =~ ^[0-9]+$ ]] || usage; bulk=$2; shift 2 ;;
+            --sizelimit) [ $# -ge 2 ] && [[ $2 =~ ^([0-9]+|unlimited)$ ]] || usage; sizelimit=$2; shift 2 ;;
+            --size-limit)
+                [ $# -ge 2 ] && [[ $2 =~ ^$SIZE_WORD(\ +$SIZE_WORD)*$ ]] || usage
+                sizelimit=$2; shift 2 ;;
+            *) usage ;;
+            esac
+        done
+        [ "$sizelimit" != 0 ] || sizelimit=unlimited
+        start_realm "$dir" "$bulk" "$sizelimit"
+        ;;
+    stop)
+        [ $# -eq 0 ] || usage
+        [ -d "$dir" ] || exit 0
+        stop_realm "$(cd "$dir" && pwd -P)"
+        ;;
+    check-ports)
+        [ $# -eq 0 ] || usage
+        check_ports "$(cd "$dir" && pwd -P)"
+        ;;
+    *) usage ;;
+    esac
+}
+
+main "$@"

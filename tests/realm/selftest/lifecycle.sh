@@ -7,24 +7,24 @@ A=$SCRATCH/a
 B=$SCRATCH/b
 cleanup_hook() { bash "$REALM_SH" stop "$A" >/dev/null 2>&1; bash "$REALM_SH" stop "$B" >/dev/null 2>&1; }
 
-# Started at the same moment, so that both choose their ports together.
-start_timed() {
+# Started at the same moment, so that both choose their ports together. How
+# long each took goes to the log only: a busy machine is slower, not wrong.
+start_logged() {
     local dir=$1 t0
     shift
     t0=$(date +%s%3N)
     bash "$REALM_SH" start "$dir" "$@" >"$dir.log" 2>&1
     echo "$? $(($(date +%s%3N) - t0))" >"$dir.result"
 }
-start_timed "$A" --bulk 1500 --sizelimit 1000 &
-start_timed "$B" &
+start_logged "$A" --bulk 1500 --sizelimit 1000 &
+start_logged "$B" &
 wait
 cat "$A.log" "$B.log"
 read -r rc_a ms_a <"$A.result"
 read -r rc_b ms_b <"$B.result"
+echo "realm A (1500 bulk users) started in $ms_a ms, realm B in $ms_b ms"
 expect_eq "realm A started" "$rc_a" 0
 expect_eq "realm B started" "$rc_b" 0
-[ "$ms_a" -lt 10000 ] && pass "realm A (1500 bulk users) started in $ms_a ms" || fail "realm A took $ms_a ms"
-[ "$ms_b" -lt 10000 ] && pass "realm B started in $ms_b ms" || fail "realm B took $ms_b ms"
 [ "$rc_a$rc_b" = 00 ] || finish
 
 (load_realm_env "$A"; declare -p | grep -E ' (KDC_PORT|LDAP_PORT|LDAP_URI|KDC_PID|SLAPD_PID|KRB5_CONFIG|USER_NAME|USER_PASSWORD|BASE_DN|BULK_DN|SIZE_LIMIT|BULK_USERS)=' | sed 's/^declare -x /A_/') >"$SCRATCH/a.env"
