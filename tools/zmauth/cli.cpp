@@ -58,6 +58,14 @@ int parseCommandLine(QCommandLineParser &parser, const QString &command, const Q
     return -1;
 }
 
+bool validFormat(const QString &command, const QString &format)
+{
+    if (format == QLatin1String("table") || format == QLatin1String("json"))
+        return true;
+    printError(command, QStringLiteral("--format must be table or json, not '%1'").arg(format));
+    return false;
+}
+
 bool requireOption(const QCommandLineParser &parser, const QString &command, const QString &name)
 {
     if (parser.isSet(name) && !parser.value(name).isEmpty())

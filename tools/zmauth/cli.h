@@ -29,6 +29,8 @@ int parseCommandLine(QCommandLineParser &parser, const QString &command, const Q
 // "zmauth <command>: <message>" on standard error, one line.
 void printError(const QString &command, const QString &message);
 void printWarning(const QString &command, const QString &message);
+// --format is table or json; anything else is a usage error, reported here.
+bool validFormat(const QString &command, const QString &format);
 // A required option that is missing is a usage error.
 bool requireOption(const QCommandLineParser &parser, const QString &command, const QString &name);
 
