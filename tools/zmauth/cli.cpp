@@ -13,7 +13,8 @@ QString exitStatusHelp()
         "  2  usage error, or an input file that cannot be read or parsed\n"
         "  3  the directory connection or bind failed\n"
         "  4  the directory search failed\n"
-        "  5  a single sign-on step failed");
+        "  5  a single sign-on step failed\n"
+        "  6  doctor: at least one check failed (warnings alone exit 0)");
 }
 
 void printError(const QString &command, const QString &message)

@@ -12,7 +12,8 @@ enum ExitCode {
     ExitUsage = 2,           // bad command line, unreadable or malformed input file
     ExitConnectFailed = 3,   // the directory connection or bind failed
     ExitDirectoryFailed = 4, // the directory search failed
-    ExitSsoFailed = 5        // a single sign-on step failed
+    ExitSsoFailed = 5,       // a single sign-on step failed
+    ExitDoctorFailed = 6     // "doctor": at least one check failed
 };
 
 QString exitStatusHelp();
@@ -42,5 +43,6 @@ int runVersion(const QStringList &args);
 int runHash(const QStringList &args);
 int runLdap(const QStringList &args);
 int runSso(const QStringList &args);
+int runDoctor(const QStringList &args);
 
 #endif // ZMAUTH_TOOL_CLI_H
