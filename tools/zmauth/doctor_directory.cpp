@@ -639,8 +639,9 @@ Outcome checkMapping(const Run &run)
                           QStringLiteral("check the attribute's name in %1, or remove it").arg(where));
         }
     }
-    return findings.outcome(QStringLiteral("all %1 mapped attributes occur on the %2 sampled entries: %3")
-                                .arg(attributes.size())
+    return findings.outcome(QStringLiteral("%1 on the %2 sampled entries: %3")
+                                .arg(attributes.size() == 1 ? QStringLiteral("the 1 mapped attribute occurs")
+                                                            : QStringLiteral("all %1 mapped attributes occur").arg(attributes.size()))
                                 .arg(sample.size())
                                 .arg(present.join(QLatin1String(", "))));
 }

@@ -276,7 +276,8 @@ QString kerberosFix(const QString &text)
     if (text.contains(QLatin1String("No key table entry found")))
         return QStringLiteral("export the service's key into the keytab (in a domain: from the account that holds the "
                               "service principal name)");
-    if (text.contains(QLatin1String("Key version number")) || text.contains(QLatin1String("integrity check failed"))
+    if (text.contains(QLatin1String("Key version number")) || text.contains(QLatin1String("keytab is likely out of date"))
+        || text.contains(QLatin1String("integrity check failed"))
         || text.contains(QLatin1String("Cannot find key of appropriate type")))
         return QStringLiteral("the keytab does not hold the key the KDC uses for the service: export it again");
     if (text.contains(QLatin1String("Cannot contact any KDC")) || text.contains(QLatin1String("Cannot find KDC")))
@@ -507,6 +508,8 @@ Outcome checkSso(const Run &run)
                               [](const char *, const char *, const zmkrb::Result &) {});
     if (failedStep) {
         QString text = LogSink::lastWarning(category);
+        // One line: the library's text puts each status on a line of its own.
+        text.replace(QLatin1String("failed:\n\t"), QLatin1String("failed: "));
         text.replace(QLatin1String("\n\t"), QLatin1String(" / "));
         const QString finding = QStringLiteral("%1 failed%2").arg(QLatin1String(failedStep), text.isEmpty() ? QString() : QStringLiteral(": ") + text);
         QString fix = kerberosFix(text);

@@ -118,13 +118,31 @@ Outcome checkDns(const Run &run)
                 QJsonObject{{QStringLiteral("addresses"), QJsonArray::fromStringList(addresses)}});
 }
 
+// The name a resolver gives an address (a PTR record or a hosts line), or
+// the getnameinfo result code.
+int nameOf(const QString &address, QString *name)
+{
+    addrinfo hints{};
+    hints.ai_flags = AI_NUMERICHOST;
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo *list = nullptr;
+    const int rc = getaddrinfo(address.toLatin1().constData(), nullptr, &hints, &list);
+    if (rc != 0)
+        return rc;
+    const AddrInfoPtr owner(list);
+    char text[NI_MAXHOST];
+    const int named = getnameinfo(list->ai_addr, list->ai_addrlen, text, sizeof text, nullptr, 0, NI_NAMEREQD);
+    if (named == 0)
+        *name = QString::fromUtf8(text);
+    return named;
+}
+
 Outcome checkReverseDns(const Run &run)
 {
     const QString address = factList(run, "addresses").value(0);
-    QString name;
-    QString how;
     if (isOwnAddress(address)) {
-        // libldap takes this machine's own canonical name for a loopback peer.
+        // libldap names a loopback peer by this machine's own canonical name,
+        // without asking a resolver about the address.
         char hostname[256] = {};
         if (gethostname(hostname, sizeof hostname - 1) != 0)
             return fail(QStringLiteral("%1 is this machine, and its host name cannot be read: %2")
@@ -133,50 +151,36 @@ Outcome checkReverseDns(const Run &run)
         QStringList ignored;
         QString canonical;
         const int rc = resolve(QString::fromLocal8Bit(hostname), AI_CANONNAME, &ignored, &canonical);
-        name = rc == 0 && !canonical.isEmpty() ? canonical : QString::fromLocal8Bit(hostname);
-        how = QStringLiteral("%1 is this machine, named %2").arg(address, name);
-    } else {
-        sockaddr_storage storage{};
-        socklen_t length = 0;
-        addrinfo hints{};
-        hints.ai_flags = AI_NUMERICHOST;
-        hints.ai_socktype = SOCK_STREAM;
-        addrinfo *list = nullptr;
-        if (getaddrinfo(address.toLatin1().constData(), nullptr, &hints, &list) == 0) {
-            const AddrInfoPtr owner(list);
-            std::memcpy(&storage, list->ai_addr, list->ai_addrlen);
-            length = list->ai_addrlen;
-        }
-        char text[NI_MAXHOST];
-        const int rc = getnameinfo(reinterpret_cast<const sockaddr *>(&storage), length, text, sizeof text, nullptr, 0,
-                                   NI_NAMEREQD);
-        if (rc != 0) {
-            const QString host = run.host().trimmed();
-            const QString hostsLine = host == address ? QStringLiteral("\"%1 <the server's host name>\"").arg(address)
-                                                      : QStringLiteral("\"%1 %2\"").arg(address, host);
-            return fail(QStringLiteral("%1 has no name (%2): GSSAPI asks the KDC for ldap/%1, which a domain does not "
-                                       "have, and the bind fails with -2 Local error")
-                            .arg(address, gaiText("getnameinfo", rc)),
-                        QStringLiteral("give %1 a name: a PTR record in the domain's DNS (a reverse zone), or the line %2 "
-                                       "in this machine's /etc/hosts")
-                            .arg(address, hostsLine),
-                        QJsonObject{{QStringLiteral("spnHost"), address}});
-        }
-        name = QString::fromUtf8(text);
-        how = QStringLiteral("%1 -> %2").arg(address, name);
+        const QString name = rc == 0 && !canonical.isEmpty() ? canonical : QString::fromLocal8Bit(hostname);
+        return pass(QStringLiteral("%1 is this machine, named %2: GSSAPI asks the KDC for ldap/%2").arg(address, name),
+                    QJsonObject{{QStringLiteral("spnHost"), name}});
+    }
+    QString name;
+    const int named = nameOf(address, &name);
+    if (named != 0) {
+        const QString host = run.host().trimmed();
+        const QString hostsLine = host == address ? QStringLiteral("\"%1 <the server's host name>\"").arg(address)
+                                                  : QStringLiteral("\"%1 %2\"").arg(address, host);
+        return fail(QStringLiteral("%1 has no name (%2): GSSAPI asks the KDC for ldap/%1, which a domain does not "
+                                   "have, and the bind fails with -2 Local error")
+                        .arg(address, gaiText("getnameinfo", named)),
+                    QStringLiteral("give %1 a name: a PTR record in the domain's DNS (a reverse zone), or the line %2 "
+                                   "in this machine's /etc/hosts")
+                        .arg(address, hostsLine),
+                    QJsonObject{{QStringLiteral("spnHost"), address}});
     }
     const QJsonObject facts{{QStringLiteral("spnHost"), name}};
     QStringList back;
     const int rc = resolve(name, 0, &back);
     if (rc != 0)
-        return warn(QStringLiteral("%1, which does not resolve (%2); GSSAPI asks the KDC for ldap/%3")
-                        .arg(how, gaiText("getaddrinfo", rc), name),
+        return warn(QStringLiteral("%1 -> %2, which does not resolve (%3); GSSAPI asks the KDC for ldap/%2")
+                        .arg(address, name, gaiText("getaddrinfo", rc)),
                     QStringLiteral("add an A record (or hosts entry) for %1 -> %2").arg(name, address), facts);
     if (!back.contains(address))
-        return warn(QStringLiteral("%1, which resolves to %2, not back to %3; GSSAPI asks the KDC for ldap/%4")
-                        .arg(how, back.join(QLatin1String(", ")), address, name),
+        return warn(QStringLiteral("%1 -> %2, which resolves to %3, not back to %1; GSSAPI asks the KDC for ldap/%2")
+                        .arg(address, name, back.join(QLatin1String(", "))),
                     QStringLiteral("make the PTR record of %1 and the A record of %2 agree").arg(address, name), facts);
-    return pass(QStringLiteral("%1 -> %2: GSSAPI asks the KDC for ldap/%3").arg(how, address, name), facts);
+    return pass(QStringLiteral("%1 -> %2 -> %1: GSSAPI asks the KDC for ldap/%2").arg(address, name), facts);
 }
 
 Outcome checkTcp(const Run &run)
