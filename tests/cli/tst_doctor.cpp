@@ -5,6 +5,7 @@
 // absent tickets, a keytab without the service, a clock moved with faketime,
 // a service key changed behind the keytab's back). The JSON report is read
 // field by field; the table for its rows and its exit-status line.
+#include "ownrealm.h"
 #include "realmenv.h"
 #include "toolrun.h"
 
@@ -879,18 +880,9 @@ private slots:
     // keytab's back, then the KDC stopped.
     void changedServiceKeyThenStoppedKdc()
     {
-        QTemporaryDir dir;
-        QVERIFY(dir.isValid());
-        const QString script = QStringLiteral(ZMAUTH_REALM_SCRIPT);
-        const QString realmDir = dir.filePath(QStringLiteral("realm"));
-        const ToolRun started = runCommand(QStringLiteral("bash"), {script, QStringLiteral("start"), realmDir});
-        QVERIFY2(started.exitCode == 0, describe(started));
-        const RealmEnv own = RealmEnv::fromDir(realmDir);
-        struct Stop {
-            QString script, dir;
-            ~Stop() { runCommand(QStringLiteral("bash"), {script, QStringLiteral("stop"), dir}); }
-        } stop{script, realmDir};
-        QVERIFY(own.isValid());
+        const OwnRealm realm;
+        QVERIFY2(realm.isValid(), qPrintable(realm.error()));
+        const RealmEnv &own = realm.env();
 
         QProcessEnvironment environment = withCache(QStringLiteral("own"), own);
         environment.insert(QStringLiteral("KRB5_KDC_PROFILE"), own.value(QStringLiteral("KRB5_KDC_PROFILE")));
@@ -909,15 +901,7 @@ private slots:
         QCOMPARE(stale.fix("sso"), QStringLiteral("the keytab does not hold the key the KDC uses for the service: export it again"));
 
         // The KDC ends: its port refuses, and the clock check says so.
-        const pid_t kdc = pid_t(own.value(QStringLiteral("KDC_PID")).toInt());
-        QVERIFY(kdc > 0);
-        QCOMPARE(::kill(kdc, SIGTERM), 0);
-        for (int i = 0; i < 200 && ::kill(kdc, 0) == 0; ++i) {
-            QFile stat(QStringLiteral("/proc/%1/stat").arg(kdc));
-            if (stat.open(QIODevice::ReadOnly) && stat.readAll().contains(") Z "))
-                break;
-            QTest::qWait(50);
-        }
+        QVERIFY(realm.endServer("KDC_PID", SIGTERM));
         const Report stopped = doctor(args, environment);
         QCOMPARE(stopped.status("clock-skew"), QStringLiteral("FAIL"));
         QVERIFY2(stopped.finding("clock-skew").startsWith(QStringLiteral("cannot ask the KDC for its time: Cannot contact any KDC for realm")),
