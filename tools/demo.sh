@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# The demo walk-through: the library's four jobs with the zmauth tool, against
+# The demo walk-through: the library's four jobs with the zmauth tool, and the
+# doctor on a healthy realm and on one broken setting, against
 # a throwaway realm (an MIT KDC and an OpenLDAP slapd on 127.0.0.1) that lives
 # in a temporary directory for the length of the demo.
 #
@@ -155,6 +156,29 @@ printf 'wrong\n' | zmauth sso --user "$USER_NAME" --realm "$KRB5_REALM" --target
     --keytab "$SSO_KEYTAB" 2>&1 || status=$?
 [ "$status" -eq 5 ] || { echo "demo: expected exit status 5, got $status" >&2; exit 1; }
 say "(exit status $status)"
+
+section "Doctor"
+say "zmauth doctor runs sixteen checks over a deployment's settings, in order, each with"
+say "what it found and, when something is wrong, what to change. gssapi.json binds by"
+say "GSSAPI (PT_METHOD 8) with alice's ticket, as against a domain controller:"
+cat > gssapi.json <<JSON
+{
+    "PT_HOST": $(json_string "$LDAP_HOST"),
+    "PT_PORT": $(json_string "$LDAP_PORT"),
+    "PT_METHOD": "8",
+    "PT_BASE_DN": $(json_string "$BASE_DN"),
+    "PT_USER_CUSTOM_FIELDS_PARAMETER": "[{\"cn\": \"PT_SURNAME PT_NAME PT_PATRONYMIC\"}, {\"sAMAccountName\": \"PT_LOGIN\"}]"
+}
+JSON
+cat gssapi.json
+printf '%s$ printf '"'"'%%s\\n'"'"' '"'"'********'"'"' | kinit %s%s\n' "$bold" "$USER_NAME" "$plain"
+printf '%s\n' "$USER_PASSWORD" | kinit "$USER_NAME" >/dev/null
+run zmauth doctor --settings gssapi.json --keytab "$SERVICE_KEYTAB" --service "$SERVICE_NAME" --user "$USER_NAME"
+say
+say "One broken setting: a base DN that does not exist. The checks that need it are"
+say "skipped, and the exit status is 6:"
+sed "s/\"PT_BASE_DN\": .*/\"PT_BASE_DN\": \"ou=people,$BASE_DN\",/" gssapi.json > broken.json
+run --expect 6 zmauth doctor --settings broken.json
 
 elapsed=$(( $(date +%s%3N) - started ))
 section "Done"

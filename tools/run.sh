@@ -17,7 +17,7 @@ packages=(
     qtbase5-dev libldap-dev libsasl2-dev libkrb5-dev
     slapd ldap-utils krb5-kdc krb5-admin-server krb5-user
     sasl2-bin libsasl2-modules libsasl2-modules-gssapi-mit
-    hostname time valgrind
+    hostname time valgrind faketime
     samba-ad-dc samba-ad-provision iproute2
 )
 

@@ -1,6 +1,7 @@
 // Runs the zmauth binary with QProcess: exit codes, what goes to standard
 // output and what to standard error, and JSON output parsed back.
 #include "realmenv.h"
+#include "toolrun.h"
 
 #include "authdata.h"
 #include "zmlogin.h"
@@ -28,43 +29,7 @@
 
 namespace {
 
-struct Run {
-    int exitCode = -1;
-    QByteArray out;
-    QByteArray err;
-    QString outText() const { return QString::fromUtf8(out); }
-    QString errText() const { return QString::fromUtf8(err); }
-    QStringList outLines() const { return outText().split(QLatin1Char('\n'), Qt::SkipEmptyParts); }
-    QStringList errLines() const { return errText().split(QLatin1Char('\n'), Qt::SkipEmptyParts); }
-};
-
-Run runTool(const QStringList &args, const QByteArray &input = QByteArray(),
-            const QProcessEnvironment &env = QProcessEnvironment::systemEnvironment())
-{
-    QProcess process;
-    process.setProcessEnvironment(env);
-    process.start(QStringLiteral(ZMAUTH_TOOL_PATH), args);
-    Run run;
-    if (!process.waitForStarted(10000))
-        return run;
-    process.write(input);
-    process.closeWriteChannel();
-    if (!process.waitForFinished(60000)) {
-        process.kill();
-        process.waitForFinished();
-        return run;
-    }
-    run.exitCode = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
-    run.out = process.readAllStandardOutput();
-    run.err = process.readAllStandardError();
-    return run;
-}
-
-// Failure messages show both streams.
-QByteArray describe(const Run &run)
-{
-    return "exit " + QByteArray::number(run.exitCode) + "\n--- stdout\n" + run.out + "--- stderr\n" + run.err;
-}
+using Run = ToolRun;
 
 // Runs the tool on a pseudo-terminal. Reads what it writes until `until`
 // shows up (or the time is up), then answers with `input`, then reads to the

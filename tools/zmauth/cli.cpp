@@ -13,7 +13,8 @@ QString exitStatusHelp()
         "  2  usage error, or an input file that cannot be read or parsed\n"
         "  3  the directory connection or bind failed\n"
         "  4  the directory search failed\n"
-        "  5  a single sign-on step failed");
+        "  5  a single sign-on step failed\n"
+        "  6  doctor: at least one check failed (warnings alone exit 0)");
 }
 
 void printError(const QString &command, const QString &message)
@@ -56,6 +57,14 @@ int parseCommandLine(QCommandLineParser &parser, const QString &command, const Q
         return ExitUsage;
     }
     return -1;
+}
+
+bool validFormat(const QString &command, const QString &format)
+{
+    if (format == QLatin1String("table") || format == QLatin1String("json"))
+        return true;
+    printError(command, QStringLiteral("--format must be table or json, not '%1'").arg(format));
+    return false;
 }
 
 bool requireOption(const QCommandLineParser &parser, const QString &command, const QString &name)

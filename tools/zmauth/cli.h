@@ -12,7 +12,8 @@ enum ExitCode {
     ExitUsage = 2,           // bad command line, unreadable or malformed input file
     ExitConnectFailed = 3,   // the directory connection or bind failed
     ExitDirectoryFailed = 4, // the directory search failed
-    ExitSsoFailed = 5        // a single sign-on step failed
+    ExitSsoFailed = 5,       // a single sign-on step failed
+    ExitDoctorFailed = 6     // "doctor": at least one check failed
 };
 
 QString exitStatusHelp();
@@ -29,6 +30,8 @@ int parseCommandLine(QCommandLineParser &parser, const QString &command, const Q
 // "zmauth <command>: <message>" on standard error, one line.
 void printError(const QString &command, const QString &message);
 void printWarning(const QString &command, const QString &message);
+// --format is table or json; anything else is a usage error, reported here.
+bool validFormat(const QString &command, const QString &format);
 // A required option that is missing is a usage error.
 bool requireOption(const QCommandLineParser &parser, const QString &command, const QString &name);
 
@@ -40,5 +43,6 @@ int runVersion(const QStringList &args);
 int runHash(const QStringList &args);
 int runLdap(const QStringList &args);
 int runSso(const QStringList &args);
+int runDoctor(const QStringList &args);
 
 #endif // ZMAUTH_TOOL_CLI_H

@@ -247,10 +247,8 @@ int runUsers(const QStringList &args)
     if (!requireOption(parser, command, QStringLiteral("settings")))
         return ExitUsage;
     const QString formatName = parser.value(format);
-    if (formatName != QLatin1String("table") && formatName != QLatin1String("json")) {
-        printError(command, QStringLiteral("--format must be table or json, not '%1'").arg(formatName));
+    if (!validFormat(command, formatName))
         return ExitUsage;
-    }
 
     zelmora::ObjectInfo settings;
     if (!common.load(parser, command, settings))

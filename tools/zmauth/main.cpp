@@ -1,6 +1,7 @@
 // zmauth: the command-line companion of libzmauth, for the people who deploy
 // the system: preview what a directory import would read, check an account,
-// prove a keytab and service name work for single sign-on, hash a password.
+// prove a keytab and service name work for single sign-on, hash a password,
+// and diagnose a whole deployment's settings in one run.
 // It uses only the library's public headers.
 #include "cli.h"
 
@@ -24,6 +25,9 @@ const char *const kUsage =
     "  sso --user U --realm R --target SERVICE@HOST --keytab FILE\n"
     "                                   a full single sign-on exchange in one process\n"
     "                                   (password from standard input)\n"
+    "  doctor --settings FILE [--mapping FILE] [--keytab FILE --service NAME@HOST] [--user LOGIN]\n"
+    "                                   diagnose a deployment's directory and single sign-on\n"
+    "                                   settings: sixteen checks, each with a fix\n"
     "\n"
     "Run 'zmauth COMMAND --help' for the options of a command.\n"
     "Records of the library go to standard error only with --verbose (ldap, sso).\n"
@@ -54,6 +58,8 @@ int main(int argc, char **argv)
         return runLdap(args);
     if (command == QLatin1String("sso"))
         return runSso(args);
+    if (command == QLatin1String("doctor"))
+        return runDoctor(args);
 
     std::fprintf(stderr, "zmauth: unknown command '%s'\nTry 'zmauth --help'.\n", command.toLocal8Bit().constData());
     return ExitUsage;

@@ -4,6 +4,7 @@
 #include "cli.h"
 #include "logsink.h"
 #include "password.h"
+#include "ssoexchange.h"
 
 #include "zmkerberos.h"
 #include "zmlogging.h"
@@ -61,6 +62,31 @@ int failed(const QString &command, const char *step, const QString &user = QStri
 }
 
 } // namespace
+
+const char *completeSsoExchange(zmkrb::Client &client, zmkrb::Service &service, const zmkrb::krb_string_t &peer,
+                                zmkrb::Result &initiator, zmkrb::Result &acceptor,
+                                const std::function<void(const char *, const char *, const zmkrb::Result &)> &onStep)
+{
+    acceptor = service.acceptNew(peer, initiator.token);
+    onStep("acceptor", "acceptNew", acceptor);
+    if (acceptor.status == 0)
+        return "acceptNew";
+    // Kerberos with mutual authentication needs one reply from the acceptor;
+    // a mechanism that wants more gets a few rounds.
+    for (int round = 0; round < 4 && !acceptor.token.empty(); ++round) {
+        initiator = client.authorizeContinue(acceptor.token);
+        onStep("initiator", "authorizeContinue", initiator);
+        if (initiator.status == 0)
+            return "authorizeContinue";
+        if (initiator.status == 1)
+            break;
+        acceptor = service.acceptContinue(peer, initiator.token);
+        onStep("acceptor", "acceptContinue", acceptor);
+        if (acceptor.status == 0)
+            return "acceptContinue";
+    }
+    return initiator.status == 1 && acceptor.status == 1 ? nullptr : "exchange";
+}
 
 int runSso(const QStringList &args)
 {
@@ -136,29 +162,18 @@ int runSso(const QStringList &args)
     if (initiator.status == 0)
         return failed(command, "authorize", parser.value(user));
 
-    zmkrb::Result acceptor = service.acceptNew(peer, initiator.token);
-    printStep("acceptor", "acceptNew", acceptor, "client");
-    if (acceptor.status == 0)
-        return failed(command, "acceptNew");
-
-    // Kerberos with mutual authentication needs one reply from the acceptor;
-    // a mechanism that wants more gets a few rounds.
-    for (int round = 0; round < 4 && !acceptor.token.empty(); ++round) {
-        initiator = client.authorizeContinue(acceptor.token);
-        printStep("initiator", "authorizeContinue", initiator, "user");
-        if (initiator.status == 0)
-            return failed(command, "authorizeContinue");
-        if (initiator.status == 1)
-            break;
-        acceptor = service.acceptContinue(peer, initiator.token);
-        printStep("acceptor", "acceptContinue", acceptor, "client");
-        if (acceptor.status == 0)
-            return failed(command, "acceptContinue");
-    }
-    if (initiator.status != 1 || acceptor.status != 1) {
+    zmkrb::Result acceptor;
+    const char *failedStep = completeSsoExchange(client, service, peer, initiator, acceptor,
+                                                 [](const char *side, const char *step, const zmkrb::Result &result) {
+                                                     printStep(side, step, result,
+                                                               qstrcmp(side, "acceptor") == 0 ? "client" : "user");
+                                                 });
+    if (failedStep && qstrcmp(failedStep, "exchange") == 0) {
         printError(command, QStringLiteral("the exchange did not complete"));
         return ExitSsoFailed;
     }
+    if (failedStep)
+        return failed(command, failedStep);
 
     std::printf("client principal: %s\n", acceptor.user.c_str());
     return ExitOk;
