@@ -1,5 +1,9 @@
 #include "records_p.h"
 
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QJsonValue>
 #include <QStringList>
 #include <QVarLengthArray>
 
@@ -254,6 +258,23 @@ FieldTarget &AttributeTargets::find(const char *attribute, size_t len)
         }
     }
     return m_unmapped;
+}
+
+// ---------------------------------------------------------------------------
+// The custom field mapping
+
+QHash<QString, QString> customFieldMapping(const QString &setting)
+{
+    QHash<QString, QString> mapping;
+    const QJsonArray array = QJsonDocument::fromJson(setting.toLocal8Bit()).array();
+    for (int i = 0; i < array.size(); ++i) {
+        const QJsonObject object = array.at(i).toObject();
+        if (object.isEmpty())
+            continue;
+        const auto member = object.constBegin();
+        mapping.insert(member.key(), member.value().toString());
+    }
+    return mapping;
 }
 
 } // namespace detail
