@@ -37,8 +37,13 @@ bool parseJson(const QString &path, const QByteArray &data, QJsonDocument &doc, 
 bool loadSettings(const QString &path, zelmora::ObjectInfo &settings, QString *error)
 {
     QByteArray data;
+    return readFile(path, data, error) && parseSettings(data, path, settings, error);
+}
+
+bool parseSettings(const QByteArray &json, const QString &path, zelmora::ObjectInfo &settings, QString *error)
+{
     QJsonDocument doc;
-    if (!readFile(path, data, error) || !parseJson(path, data, doc, error))
+    if (!parseJson(path, json, doc, error))
         return false;
     if (!doc.isObject()) {
         *error = QStringLiteral("%1 must hold a JSON object of setting keys").arg(path);
