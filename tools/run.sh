@@ -6,6 +6,7 @@
 #   bash tools/run.sh test --sanitize   the same suite built with AddressSanitizer and UBSan
 #   bash tools/run.sh bench [ldap|kerberos]   the benchmarks (bench/README.md)
 #   bash tools/run.sh consumer          install into a temporary prefix and build a consumer against it
+#   bash tools/run.sh fuzz [SECONDS] [--jobs N] [TARGET...]   the libFuzzer targets, SECONDS each (tests/fuzz/run.sh)
 set -euo pipefail
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -19,12 +20,14 @@ packages=(
     hostname time
     samba-ad-dc samba-ad-provision iproute2
 )
+# Only the fuzz build needs clang, libFuzzer and the symbolizer.
+fuzz_packages=(clang-14 libclang-rt-14-dev llvm-14)
 
 # Installs what is missing, without letting the packages start their system
 # services: the realm runs its own servers as plain processes.
 ensure_packages() {
     local missing=() p
-    for p in "${packages[@]}"; do
+    for p in "${packages[@]}" "$@"; do
         dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
     done
     [ ${#missing[@]} -eq 0 ] && return 0
@@ -102,8 +105,15 @@ case "$cmd" in
         cmake --install "$root/build" --prefix "$prefix" >/dev/null
         bash "$root/tests/consumer/check.sh" "$prefix"
         ;;
+    fuzz)
+        ensure_packages "${fuzz_packages[@]}"
+        dir="$root/build-fuzz"
+        build "$dir" -DCMAKE_C_COMPILER=clang-14 -DCMAKE_CXX_COMPILER=clang++-14 -DZMAUTH_FUZZ=ON \
+            -DZMAUTH_BUILD_TESTS=OFF -DZMAUTH_BUILD_BENCH=OFF -DZMAUTH_BUILD_TOOLS=OFF >/dev/null
+        exec bash "$root/tests/fuzz/run.sh" "$dir" "$@"
+        ;;
     *)
-        sed -n '2,8p' "${BASH_SOURCE[0]}" | sed 's/^# \{0,1\}//' >&2
+        sed -n '2,9p' "${BASH_SOURCE[0]}" | sed 's/^# \{0,1\}//' >&2
         exit 2
         ;;
 esac
