@@ -233,8 +233,9 @@ AttributeTargets::AttributeTargets(const QHash<QString, QString> &mapping)
     for (auto it = mapping.constBegin(); it != mapping.constEnd(); ++it) {
         QByteArray name = it.key().toUtf8();
         // A name that does not survive the round trip through UTF-8 cannot
-        // equal a decoded attribute name.
-        if (QString::fromUtf8(name) != it.key())
+        // equal a decoded attribute name. All of its bytes count: a name read
+        // in place is sized, not cut at a zero byte.
+        if (QString::fromUtf8(name.constData(), name.size()) != it.key())
             continue;
         m_attributes.push_back(MappedAttribute{name, makeTarget(it.value(), true)});
         const QByteArray &stored = m_attributes.back().name;
