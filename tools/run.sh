@@ -7,6 +7,7 @@
 #   bash tools/run.sh test --valgrind   the plain build's suite under valgrind memcheck (long runs shortened)
 #   bash tools/run.sh bench [--smoke] [ldap|kerberos]   the benchmarks (bench/README.md)
 #   bash tools/run.sh consumer          install into a temporary prefix and build a consumer against it
+#   bash tools/run.sh fuzz [SECONDS] [--jobs N] [TARGET...]   the libFuzzer targets, SECONDS each (tests/fuzz/run.sh)
 set -euo pipefail
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -20,6 +21,8 @@ packages=(
     hostname time valgrind faketime
     samba-ad-dc samba-ad-provision iproute2
 )
+# Only the fuzz build needs clang, libFuzzer and the symbolizer.
+fuzz_packages=(clang-14 libclang-rt-14-dev llvm-14)
 
 # Installs what is missing, without letting the packages start their system
 # services: the realm runs its own servers as plain processes. The
@@ -38,7 +41,7 @@ remove_own_policy() {
 
 ensure_packages() {
     local missing=() p
-    for p in "${packages[@]}"; do
+    for p in "${packages[@]}" "$@"; do
         dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
     done
     [ ${#missing[@]} -eq 0 ] && return 0
@@ -141,8 +144,15 @@ case "$cmd" in
         cmake --install "$root/build" --prefix "$prefix" >/dev/null
         bash "$root/tests/consumer/check.sh" "$prefix"
         ;;
+    fuzz)
+        ensure_packages "${fuzz_packages[@]}"
+        dir="$root/build-fuzz"
+        build "$dir" -DCMAKE_C_COMPILER=clang-14 -DCMAKE_CXX_COMPILER=clang++-14 -DZMAUTH_FUZZ=ON \
+            -DZMAUTH_BUILD_TESTS=OFF -DZMAUTH_BUILD_BENCH=OFF -DZMAUTH_BUILD_TOOLS=OFF >/dev/null
+        exec bash "$root/tests/fuzz/run.sh" "$dir" "$@"
+        ;;
     *)
-        sed -n '2,9p' "${BASH_SOURCE[0]}" | sed 's/^# \{0,1\}//' >&2
+        sed -n '2,10p' "${BASH_SOURCE[0]}" | sed 's/^# \{0,1\}//' >&2
         exit 2
         ;;
 esac

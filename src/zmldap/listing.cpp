@@ -8,10 +8,6 @@
 #include <QByteArray>
 #include <QDeadlineTimer>
 #include <QDebug>
-#include <QJsonArray>
-#include <QJsonDocument>
-#include <QJsonObject>
-#include <QJsonValue>
 #include <QStringList>
 
 #include <cstring>
@@ -284,19 +280,7 @@ QString userFilter(const QHash<QString, QString> &params)
 
 bool ZMLDAPPrivate::getUserList(QList<zelmora::ObjectInfo> &list)
 {
-    // The custom field mapping: a JSON array of objects, each giving one pair
-    // by its first member (in key order). Anything else contributes nothing.
-    QHash<QString, QString> mapping;
-    const QByteArray text = settings.params.value(db::system::ldap::USER_CUSTOM_FIELDS_PARAMETER).toLocal8Bit();
-    const QJsonArray array = QJsonDocument::fromJson(text).array();
-    for (int i = 0; i < array.size(); ++i) {
-        const QJsonObject object = array.at(i).toObject();
-        if (object.isEmpty())
-            continue;
-        const auto member = object.constBegin();
-        mapping.insert(member.key(), member.value().toString());
-    }
-    return getUserList(list, mapping);
+    return getUserList(list, customFieldMapping(settings.params.value(db::system::ldap::USER_CUSTOM_FIELDS_PARAMETER)));
 }
 
 bool ZMLDAPPrivate::getUserList(QList<zelmora::ObjectInfo> &list, const QHash<QString, QString> &mapping)

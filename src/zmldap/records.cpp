@@ -1,5 +1,9 @@
 #include "records_p.h"
 
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QJsonValue>
 #include <QStringList>
 #include <QVarLengthArray>
 
@@ -229,8 +233,9 @@ AttributeTargets::AttributeTargets(const QHash<QString, QString> &mapping)
     for (auto it = mapping.constBegin(); it != mapping.constEnd(); ++it) {
         QByteArray name = it.key().toUtf8();
         // A name that does not survive the round trip through UTF-8 cannot
-        // equal a decoded attribute name.
-        if (QString::fromUtf8(name) != it.key())
+        // equal a decoded attribute name. All of its bytes count: a name read
+        // in place is sized, not cut at a zero byte.
+        if (QString::fromUtf8(name.constData(), name.size()) != it.key())
             continue;
         m_attributes.push_back(MappedAttribute{name, makeTarget(it.value(), true)});
         const QByteArray &stored = m_attributes.back().name;
@@ -254,6 +259,23 @@ FieldTarget &AttributeTargets::find(const char *attribute, size_t len)
         }
     }
     return m_unmapped;
+}
+
+// ---------------------------------------------------------------------------
+// The custom field mapping
+
+QHash<QString, QString> customFieldMapping(const QString &setting)
+{
+    QHash<QString, QString> mapping;
+    const QJsonArray array = QJsonDocument::fromJson(setting.toLocal8Bit()).array();
+    for (int i = 0; i < array.size(); ++i) {
+        const QJsonObject object = array.at(i).toObject();
+        if (object.isEmpty())
+            continue;
+        const auto member = object.constBegin();
+        mapping.insert(member.key(), member.value().toString());
+    }
+    return mapping;
 }
 
 } // namespace detail

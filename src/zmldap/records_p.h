@@ -150,6 +150,12 @@ private:
     FieldTarget m_scratch;
 };
 
+// The mapping that the custom field setting ("PT_USER_CUSTOM_FIELDS_PARAMETER")
+// holds: a JSON array of objects, each giving one pair by its first member in
+// key order, a later pair for the same attribute winning. The text is read in
+// the locale's 8-bit encoding; anything else contributes nothing, silently.
+QHash<QString, QString> customFieldMapping(const QString &setting);
+
 } // namespace detail
 } // namespace zmldap
 

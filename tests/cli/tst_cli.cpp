@@ -389,6 +389,9 @@ private slots:
         QTest::newRow("settings not JSON") << QByteArray("{PT_HOST: x") << QByteArray() << "is not valid JSON";
         QTest::newRow("settings an array") << QByteArray("[]") << QByteArray() << "must hold a JSON object";
         QTest::newRow("settings value null") << QByteArray(R"({"PT_HOST": null})") << QByteArray() << "\"PT_HOST\" must be text";
+        // A name is shown as JSON writes it, so that the message stays one line.
+        QTest::newRow("settings name with line breaks") << QByteArray(R"({"PT_\nHOST\r": null})") << QByteArray()
+                                                        << R"("PT_\nHOST\r" must be text)";
         QTest::newRow("mapping not JSON") << QByteArray("{}") << QByteArray("[{") << "is not valid JSON";
         QTest::newRow("mapping an object") << QByteArray("{}") << QByteArray(R"({"cn": "PT_NAME"})") << "not a JSON array";
     }
@@ -543,6 +546,21 @@ private slots:
         QVERIFY2(run.errText().contains(QStringLiteral("element 1 is not an object")), describe(run));
         const QJsonObject first = QJsonDocument::fromJson(run.out).array().at(0).toObject();
         QCOMPARE(first.value(QStringLiteral("params")).toObject().keys(), QStringList{QStringLiteral("PT_NAME")});
+    }
+
+    // A name with a line break is shown as JSON writes it: each warning stays
+    // one line. (No server here: the warnings come before the connection.)
+    void mappingWarningsStayOneLine()
+    {
+        const QByteArray mapping = R"([{"sAMAccount\nName": 5}])";
+        const Run run = runTool({QStringLiteral("ldap"), QStringLiteral("users"), QStringLiteral("-s"),
+                                 settingsFile(QStringLiteral("s-no-server.json"), QJsonObject{{QStringLiteral("PT_PORT"), QStringLiteral("1")}}),
+                                 QStringLiteral("-m"), writeFile(QStringLiteral("line-break.json"), mapping)});
+        QVERIFY2(run.exitCode == 3, describe(run));
+        QVERIFY2(run.errText().contains(QStringLiteral(R"(warning: mapping: element 0: the value for "sAMAccount\nName" is not text)")),
+                 describe(run));
+        for (const QString &line : run.errLines())
+            QVERIFY2(line.startsWith(QStringLiteral("zmauth ldap users: ")), describe(run));
     }
 
     void failuresShowTheLibraryRecord_data()

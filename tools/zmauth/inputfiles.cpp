@@ -32,13 +32,26 @@ bool parseJson(const QString &path, const QByteArray &data, QJsonDocument &doc, 
     return true;
 }
 
+// A name as JSON writes it, quotes included: control characters come out
+// escaped, so that a message stays one line whatever the file holds.
+QString quoted(const QString &name)
+{
+    const QByteArray json = QJsonDocument(QJsonArray{name}).toJson(QJsonDocument::Compact);
+    return QString::fromUtf8(json.mid(1, json.size() - 2));
+}
+
 } // namespace
 
 bool loadSettings(const QString &path, zelmora::ObjectInfo &settings, QString *error)
 {
     QByteArray data;
+    return readFile(path, data, error) && parseSettings(data, path, settings, error);
+}
+
+bool parseSettings(const QByteArray &json, const QString &path, zelmora::ObjectInfo &settings, QString *error)
+{
     QJsonDocument doc;
-    if (!readFile(path, data, error) || !parseJson(path, data, doc, error))
+    if (!parseJson(path, json, doc, error))
         return false;
     if (!doc.isObject()) {
         *error = QStringLiteral("%1 must hold a JSON object of setting keys").arg(path);
@@ -62,7 +75,7 @@ bool loadSettings(const QString &path, zelmora::ObjectInfo &settings, QString *e
             text = QString::fromUtf8(QJsonDocument(value.toObject()).toJson(QJsonDocument::Compact));
             break;
         default:
-            *error = QStringLiteral("%1: the value of \"%2\" must be text").arg(path, it.key());
+            *error = QStringLiteral("%1: the value of %2 must be text").arg(path, quoted(it.key()));
             return false;
         }
         settings.params.insert(it.key(), text);
@@ -96,13 +109,13 @@ bool parseMapping(const QByteArray &json, FieldMapping &mapping, QString *error)
         const QString attribute = element.begin().key();
         const QJsonValue value = element.begin().value();
         if (element.size() > 1)
-            mapping.warnings << QStringLiteral("element %1 has %2 members; only \"%3\" (first in key order) counts")
-                                    .arg(i).arg(element.size()).arg(attribute);
+            mapping.warnings << QStringLiteral("element %1 has %2 members; only %3 (first in key order) counts")
+                                    .arg(i).arg(element.size()).arg(quoted(attribute));
         if (!value.isString())
-            mapping.warnings << QStringLiteral("element %1: the value for \"%2\" is not text; its values land under an empty field code")
-                                    .arg(i).arg(attribute);
+            mapping.warnings << QStringLiteral("element %1: the value for %2 is not text; its values land under an empty field code")
+                                    .arg(i).arg(quoted(attribute));
         if (mapping.pairs.contains(attribute))
-            mapping.warnings << QStringLiteral("element %1 maps \"%2\" again; this later one wins").arg(i).arg(attribute);
+            mapping.warnings << QStringLiteral("element %1 maps %2 again; this later one wins").arg(i).arg(quoted(attribute));
         const QString fields = value.toString();
         mapping.pairs.insert(attribute, fields);
         // Several codes are split on blanks; a single one is used as it stands.

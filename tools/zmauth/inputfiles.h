@@ -13,6 +13,8 @@
 // object (a custom field mapping written inline) as its compact JSON text.
 // Returns false with a one-line reason.
 bool loadSettings(const QString &path, zelmora::ObjectInfo &settings, QString *error);
+// The same from the file's text; PATH only names it in the reason.
+bool parseSettings(const QByteArray &json, const QString &path, zelmora::ObjectInfo &settings, QString *error);
 
 // An attribute-to-field mapping read from the system's custom field form: a
 // JSON array of one-member objects, attribute -> field code(s) separated by

@@ -1,0 +1,80 @@
+// The zmauth tool's settings file reader on any bytes. It accepts exactly the
+// JSON objects whose values are text, numbers, arrays or objects, and then
+// holds every member as text that gives the member back: the string itself,
+// the number exactly, the array or object as compact JSON. Keys that
+// the file lacks keep what the record held before. A refusal is one line
+// that names the file.
+#include "fuzzcheck.h"
+
+#include "inputfiles.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QJsonParseError>
+
+#include <cstddef>
+#include <cstdint>
+
+namespace {
+const QString kPath = QStringLiteral("settings.json");
+const QString kKept = QStringLiteral("PT_KEPT");
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    const QByteArray json = QByteArray::fromRawData(reinterpret_cast<const char *>(data), int(size));
+    zelmora::ObjectInfo settings;
+    settings.params.insert(kKept, QStringLiteral("before"));
+    QString error;
+    const bool ok = parseSettings(json, kPath, settings, &error);
+
+    QJsonParseError parseError;
+    const QJsonDocument doc = QJsonDocument::fromJson(json, &parseError);
+    bool acceptable = parseError.error == QJsonParseError::NoError && doc.isObject();
+    const QJsonObject object = doc.object();
+    for (auto it = object.begin(); acceptable && it != object.end(); ++it) {
+        const QJsonValue::Type type = it.value().type();
+        acceptable = type == QJsonValue::String || type == QJsonValue::Double || type == QJsonValue::Array
+                     || type == QJsonValue::Object;
+    }
+    FUZZ_CHECK(ok == acceptable, fuzzcheck::visible(json) + QStringLiteral(" -> ") + error);
+    if (!ok) {
+        FUZZ_CHECK(error.startsWith(kPath), error);
+        FUZZ_CHECK(!error.contains(QLatin1Char('\n')) && !error.contains(QLatin1Char('\r')), fuzzcheck::visible(error));
+        return 0;
+    }
+
+    FUZZ_CHECK(settings.params.size() == object.size() + (object.contains(kKept) ? 0 : 1), fuzzcheck::visible(json));
+    if (!object.contains(kKept))
+        FUZZ_CHECK(settings.params.value(kKept) == QLatin1String("before"), settings.params.value(kKept));
+    for (auto it = object.begin(); it != object.end(); ++it) {
+        FUZZ_CHECK(settings.params.contains(it.key()), fuzzcheck::visible(it.key()));
+        const QString text = settings.params.value(it.key());
+        const QJsonValue value = it.value();
+        switch (value.type()) {
+        case QJsonValue::String:
+            FUZZ_CHECK(text == value.toString(), fuzzcheck::visible(text));
+            break;
+        case QJsonValue::Double: {
+            bool number = false;
+            const double back = text.toDouble(&number);
+            FUZZ_CHECK(number && back == value.toDouble(), fuzzcheck::visible(text));
+            break;
+        }
+        default: {
+            // The text is JSON of the same kind that reads back to itself.
+            // (Not always to an equal value: Qt drops a leading U+FEFF from
+            // the names and strings it decodes, so such a value changes once.)
+            QJsonParseError textError;
+            const QByteArray utf8 = text.toUtf8();
+            const QJsonDocument inner = QJsonDocument::fromJson(utf8, &textError);
+            FUZZ_CHECK(textError.error == QJsonParseError::NoError, fuzzcheck::visible(text));
+            FUZZ_CHECK(inner.isArray() == value.isArray() && inner.isObject() == value.isObject(), fuzzcheck::visible(text));
+            FUZZ_CHECK(inner.toJson(QJsonDocument::Compact) == utf8, fuzzcheck::visible(text));
+            break;
+        }
+        }
+    }
+    return 0;
+}
