@@ -24,48 +24,8 @@ packages=(
 # Only the fuzz build needs clang, libFuzzer and the symbolizer.
 fuzz_packages=(clang-14 libclang-rt-14-dev llvm-14)
 
-# Installs what is missing, without letting the packages start their system
-# services: the realm runs its own servers as plain processes. The
-# policy-rc.d that says so is removed again on every way out, signals
-# included, but only when this script put it there: one that was there before
-# belongs to the machine. ZMAUTH_POLICY_RC_D names another path, for the test
-# of this.
-policy_rc_d=${ZMAUTH_POLICY_RC_D:-/usr/sbin/policy-rc.d}
-own_policy=0
-remove_own_policy() {
-    if [ "$own_policy" = 1 ]; then
-        rm -f "$policy_rc_d"
-        own_policy=0
-    fi
-}
-
-ensure_packages() {
-    local missing=() p
-    for p in "${packages[@]}" "$@"; do
-        dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
-    done
-    [ ${#missing[@]} -eq 0 ] && return 0
-    if [ "$(id -u)" -ne 0 ]; then
-        echo "missing Debian packages: ${missing[*]} (run as root to install them)" >&2
-        exit 1
-    fi
-    echo "Installing: ${missing[*]}"
-    trap remove_own_policy EXIT
-    trap 'exit 129' HUP
-    trap 'exit 130' INT
-    trap 'exit 143' TERM
-    # Created only if absent (noclobber), and marked ours only once created.
-    if [ ! -e "$policy_rc_d" ] && [ ! -L "$policy_rc_d" ] &&
-        (set -C && printf '#!/bin/sh\nexit 101\n' >"$policy_rc_d") 2>/dev/null; then
-        own_policy=1
-        chmod 755 "$policy_rc_d"
-    fi
-    export DEBIAN_FRONTEND=noninteractive
-    apt-get update -q
-    apt-get install -y -q --no-install-recommends "${missing[@]}"
-    remove_own_policy
-    trap - EXIT HUP INT TERM
-}
+# ensure_packages: installs what is missing, services kept from starting.
+. "$root/tools/packages.sh"
 
 build() {
     local dir=$1; shift
@@ -82,12 +42,12 @@ cmd=${1:-}
 shift || true
 case "$cmd" in
     demo)
-        ensure_packages
+        ensure_packages "${packages[@]}"
         build "$root/build" >/dev/null
         exec bash "$root/tools/demo.sh" "$root/build"
         ;;
     test)
-        ensure_packages
+        ensure_packages "${packages[@]}"
         if [ "${1:-}" = "--sanitize" ]; then
             dir="$root/build-asan"
             logs="$dir/sanitizer-logs"
@@ -132,12 +92,12 @@ case "$cmd" in
         run_tests "$root/build"
         ;;
     bench)
-        ensure_packages
+        ensure_packages "${packages[@]}"
         build "$root/build" >/dev/null
         exec bash "$root/bench/run.sh" "$root/build" "$@"
         ;;
     consumer)
-        ensure_packages
+        ensure_packages "${packages[@]}"
         build "$root/build" >/dev/null
         prefix=$(mktemp -d)
         trap 'rm -rf "$prefix"' EXIT
@@ -145,7 +105,7 @@ case "$cmd" in
         bash "$root/tests/consumer/check.sh" "$prefix"
         ;;
     fuzz)
-        ensure_packages "${fuzz_packages[@]}"
+        ensure_packages "${packages[@]}" "${fuzz_packages[@]}"
         dir="$root/build-fuzz"
         build "$dir" -DCMAKE_C_COMPILER=clang-14 -DCMAKE_CXX_COMPILER=clang++-14 -DZMAUTH_FUZZ=ON \
             -DZMAUTH_BUILD_TESTS=OFF -DZMAUTH_BUILD_BENCH=OFF -DZMAUTH_BUILD_TOOLS=OFF >/dev/null

@@ -15,6 +15,8 @@ export LC_ALL=C.UTF-8
 
 HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 IN_NS=$HERE/in-ns.sh
+# shellcheck source=../../tools/packages.sh
+. "$HERE/../../tools/packages.sh"
 
 REALM=ZMAD.TEST
 DOMAIN=ZMAD
@@ -271,6 +273,10 @@ start_ad() {
     local dir=$1 bulk=$2 t0 t_prov t_pop t_up id netns veth_dc veth_peer
     t0=$(now_ms)
     [ "$(id -u)" -eq 0 ] || die "needs root (network namespace, mounts)"
+    # The fixture installs what it needs when ctest runs it without
+    # tools/run.sh on a fresh machine.
+    ensure_packages samba-ad-dc samba-ad-provision iproute2 ldap-utils krb5-user \
+        libsasl2-modules-gssapi-mit python3
     local c
     for c in ip unshare samba samba-tool ldapsearch kinit klist; do
         command -v "$c" >/dev/null || die "$c is missing (packages samba-ad-dc, samba-ad-provision, ldap-utils, krb5-user)"
