@@ -63,15 +63,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
             break;
         }
         default: {
-            // The text is JSON of the same kind that reads back to itself.
-            // (Not always to an equal value: Qt drops a leading U+FEFF from
-            // the names and strings it decodes, so such a value changes once.)
+            // The text is JSON of the same kind that reads back to itself,
+            // unless it holds a byte order mark: Qt drops one leading U+FEFF
+            // from a name or string without escapes but keeps it when an
+            // escape follows, and writes it back raw, so such a value loses
+            // one mark per read (and names may then merge or sort anew).
             QJsonParseError textError;
             const QByteArray utf8 = text.toUtf8();
             const QJsonDocument inner = QJsonDocument::fromJson(utf8, &textError);
             FUZZ_CHECK(textError.error == QJsonParseError::NoError, fuzzcheck::visible(text));
             FUZZ_CHECK(inner.isArray() == value.isArray() && inner.isObject() == value.isObject(), fuzzcheck::visible(text));
-            FUZZ_CHECK(inner.toJson(QJsonDocument::Compact) == utf8, fuzzcheck::visible(text));
+            if (!utf8.contains("\xEF\xBB\xBF"))
+                FUZZ_CHECK(inner.toJson(QJsonDocument::Compact) == utf8, fuzzcheck::visible(text));
             break;
         }
         }
