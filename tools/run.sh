@@ -7,7 +7,7 @@
 #   bash tools/run.sh test --valgrind   the plain build's suite under valgrind memcheck (long runs shortened)
 #   bash tools/run.sh bench [--smoke] [ldap|kerberos]   the benchmarks (bench/README.md)
 #   bash tools/run.sh consumer          install into a temporary prefix and build a consumer against it
-#   bash tools/run.sh fuzz [SECONDS] [--jobs N] [TARGET...]   the libFuzzer targets, SECONDS each (tests/fuzz/run.sh)
+#   bash tools/run.sh fuzz [SECONDS] [--jobs N] [--seed N] [TARGET...]   the libFuzzer targets, SECONDS each (tests/fuzz/run.sh)
 set -euo pipefail
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)

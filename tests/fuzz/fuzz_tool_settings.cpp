@@ -8,6 +8,7 @@
 
 #include "inputfiles.h"
 
+#include <QHash>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -45,10 +46,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         return 0;
     }
 
-    FUZZ_CHECK(settings.params.size() == object.size() + (object.contains(kKept) ? 0 : 1), fuzzcheck::visible(json));
-    if (!object.contains(kKept))
+    // Qt drops a leading U+FEFF from a name only after it has merged the
+    // object's repeated names, so "\xEF\xBB\xBF" and "" can both stay in the
+    // object as the same name. The setting then takes the later value.
+    QHash<QString, QJsonValue> members;
+    const bool marks = json.contains("\xEF\xBB\xBF") || json.toLower().contains("\\ufeff");
+    for (auto it = object.begin(); it != object.end(); ++it)
+        members.insert(it.key(), it.value());
+    FUZZ_CHECK(settings.params.size() == members.size() + (members.contains(kKept) ? 0 : 1), fuzzcheck::visible(json));
+    if (!members.contains(kKept))
         FUZZ_CHECK(settings.params.value(kKept) == QLatin1String("before"), settings.params.value(kKept));
-    for (auto it = object.begin(); it != object.end(); ++it) {
+    for (auto it = members.cbegin(); it != members.cend(); ++it) {
         FUZZ_CHECK(settings.params.contains(it.key()), fuzzcheck::visible(it.key()));
         const QString text = settings.params.value(it.key());
         const QJsonValue value = it.value();
@@ -64,16 +72,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         }
         default: {
             // The text is JSON of the same kind that reads back to itself,
-            // unless it holds a byte order mark: Qt drops one leading U+FEFF
-            // from a name or string without escapes but keeps it when an
-            // escape follows, and writes it back raw, so such a value loses
-            // one mark per read (and names may then merge or sort anew).
+            // unless the file holds a byte order mark (raw or escaped): Qt
+            // drops one leading U+FEFF from a name or string without escapes
+            // but keeps it when an escape follows, writes it back raw, and
+            // strips it from names only after merging repeated ones, so such
+            // a value can lose a mark or a member on every read.
             QJsonParseError textError;
             const QByteArray utf8 = text.toUtf8();
             const QJsonDocument inner = QJsonDocument::fromJson(utf8, &textError);
             FUZZ_CHECK(textError.error == QJsonParseError::NoError, fuzzcheck::visible(text));
             FUZZ_CHECK(inner.isArray() == value.isArray() && inner.isObject() == value.isObject(), fuzzcheck::visible(text));
-            if (!utf8.contains("\xEF\xBB\xBF"))
+            if (!marks)
                 FUZZ_CHECK(inner.toJson(QJsonDocument::Compact) == utf8, fuzzcheck::visible(text));
             break;
         }

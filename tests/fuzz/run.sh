@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
 # Runs the fuzz targets of a ZMAUTH_FUZZ build (tools/run.sh fuzz builds it):
-#   bash tests/fuzz/run.sh BUILD_DIR [SECONDS] [--jobs N] [TARGET...]
+#   bash tests/fuzz/run.sh BUILD_DIR [SECONDS] [--jobs N] [--seed N] [TARGET...]
 # Each target first replays its regression inputs (regressions/TARGET), then
 # fuzzes for SECONDS (default 60) from its seeds (corpus/TARGET) and what
 # earlier runs found (BUILD_DIR/fuzz/corpus/TARGET, where new inputs go), N
-# targets at a time (default 2). Fails when a target crashes, breaks one of its
+# targets at a time (default 2). --seed fixes libFuzzer's random seed, so that
+# a short run takes the same path on every machine (CI's smoke). Fails when a target crashes, breaks one of its
 # invariants, leaks, runs out of memory or takes more than 10 s on one input;
 # the input is kept in BUILD_DIR/fuzz/artifacts/TARGET.
 set -euo pipefail
@@ -12,7 +13,7 @@ set -euo pipefail
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 all_targets=(login_records custom_field_mapping attribute_rule acceptor tool_settings tool_mapping)
 
-build=${1:?usage: run.sh BUILD_DIR [SECONDS] [--jobs N] [TARGET...]}
+build=${1:?usage: run.sh BUILD_DIR [SECONDS] [--jobs N] [--seed N] [TARGET...]}
 shift
 seconds=60
 if [[ ${1:-} =~ ^[0-9]+$ ]]; then
@@ -20,10 +21,12 @@ if [[ ${1:-} =~ ^[0-9]+$ ]]; then
     shift
 fi
 jobs=2
+seed=
 targets=()
 while [ $# -gt 0 ]; do
     case "$1" in
         --jobs) jobs=${2:?--jobs needs a number}; shift 2 ;;
+        --seed) seed=${2:?--seed needs a number}; shift 2 ;;
         *) targets+=("$1"); shift ;;
     esac
 done
@@ -80,6 +83,7 @@ run_target() {
     local dict
     dict=$(dictionary "$target")
     [ -z "$dict" ] || options+=(-dict="$dict")
+    [ -z "$seed" ] || options+=(-seed="$seed")
     local dirs=("$corpus")
     [ -d "$seeds" ] && dirs+=("$seeds")
     [ -d "$regressions" ] && dirs+=("$regressions")
