@@ -5,9 +5,10 @@
 # fuzzes for SECONDS (default 60) from its seeds (corpus/TARGET) and what
 # earlier runs found (BUILD_DIR/fuzz/corpus/TARGET, where new inputs go), N
 # targets at a time (default 2). --seed fixes libFuzzer's random seed, so that
-# a short run takes the same path on every machine (CI's smoke). Fails when a target crashes, breaks one of its
-# invariants, leaks, runs out of memory or takes more than 10 s on one input;
-# the input is kept in BUILD_DIR/fuzz/artifacts/TARGET.
+# a short run takes the same path on every machine (CI's smoke). Fails when a
+# target crashes, breaks one of its invariants, leaks, runs out of memory or
+# takes more than 10 s on one input; the input is kept in
+# BUILD_DIR/fuzz/artifacts/TARGET.
 set -euo pipefail
 
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
