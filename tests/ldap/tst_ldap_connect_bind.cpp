@@ -8,6 +8,8 @@
 #include <QProcess>
 #include <QtTest>
 
+#include <optional>
+
 class TestConnectBind : public QObject {
     Q_OBJECT
 
@@ -384,11 +386,18 @@ private slots:
         QList<zelmora::ObjectInfo> list;
         bool listed = false;
         {
-            ServerDisconnectScope libldapLoses;
+            // An empty filter makes slapd answer with a notice of
+            // disconnection. The iterator then sends the same filter on the
+            // same session and, depending on timing, gets a notice of its own
+            // (on the connection before slapd has closed it, or on one that
+            // libldap opens again), so its search is covered too.
+            std::optional<ServerDisconnectScope> libldapLoses;
+            if (key == QStringLiteral("PT_USER_FILTER") && empty)
+                libldapLoses.emplace();
             listed = ldap.getUserList(list);
-        }
-        ZMLDAPObjectIterator it(&ldap, {});
-        for (zelmora::ObjectInfo r = it.first(); !r.params.isEmpty(); r = it.next()) {
+            ZMLDAPObjectIterator it(&ldap, {});
+            for (zelmora::ObjectInfo r = it.first(); !r.params.isEmpty(); r = it.next()) {
+            }
         }
         // The session works with anything but the address and the credentials.
         if (key == QStringLiteral("PT_BASE_DN") || (key == QStringLiteral("PT_USER_ID_PARAMETER") && empty)) {
