@@ -46,20 +46,22 @@ fi
 # files, so that nothing on the machine or in the home directory changes
 # what the gate lets through.
 status=0
-abidiff --no-default-suppression --suppressions "$suppressions" "$baseline" "$current" || status=$?
+report=$(abidiff --no-default-suppression --suppressions "$suppressions" "$baseline" "$current") || status=$?
 if [ $((status & 3)) -ne 0 ]; then
+    echo "$report"
     echo "abi: abidiff failed (exit status $status)" >&2
     exit 1
 fi
 if [ $((status & 12)) -ne 0 ]; then
+    echo "$report"
     kind="changed"
     [ $((status & 8)) -ne 0 ] && kind="changed incompatibly"
     echo "abi: the ABI of libzmauth.so.1 $kind against abi/libzmauth.so.1.abi (abidiff exit status $status)." >&2
     echo "abi: if the change is deliberate, run 'bash tools/run.sh abi --update' and commit the baseline with the reason." >&2
     exit 1
 fi
-# Added functions pass; say which.
-added=$(abidiff --no-default-suppression --added-fns "$baseline" "$current" || true)
+# Only added functions, if anything: say which.
+added=$(abidiff --no-default-suppression "$baseline" "$current" || true)
 if [ -n "$added" ]; then
     echo "$added"
 fi
