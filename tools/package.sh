@@ -63,7 +63,7 @@ done
 purge() {
     local status=$?
     echo "== purge: ${added[*]}"
-    DEBIAN_FRONTEND=noninteractive apt-get purge -y -q "${added[@]}" >"$work/purge.log" 2>&1 ||
+    DEBIAN_FRONTEND=noninteractive apt-get purge -y -q -o DPkg::Lock::Timeout=300 "${added[@]}" >"$work/purge.log" 2>&1 ||
         { cat "$work/purge.log" >&2; status=1; }
     for p in "${added[@]}"; do
         if dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "installed"; then
@@ -78,7 +78,7 @@ trap purge EXIT
 trap 'exit 129' HUP
 trap 'exit 130' INT
 trap 'exit 143' TERM
-DEBIAN_FRONTEND=noninteractive apt-get install -y -q --no-install-recommends "$out"/*.deb
+DEBIAN_FRONTEND=noninteractive apt-get install -y -q -o DPkg::Lock::Timeout=300 --no-install-recommends "$out"/*.deb
 
 echo "== consumer against /usr"
 bash "$root/tests/consumer/check.sh" /usr
