@@ -8,6 +8,9 @@
 #   bash tools/run.sh bench [--smoke] [ldap|kerberos]   the benchmarks (bench/README.md)
 #   bash tools/run.sh consumer          install into a temporary prefix and build a consumer against it
 #   bash tools/run.sh fuzz [SECONDS] [--jobs N] [--seed N] [TARGET...]   the libFuzzer targets, SECONDS each (tests/fuzz/run.sh)
+#   bash tools/run.sh package [--check]  Debian packages into build-deb/, lintian-clean; --check installs them,
+#                                       builds the consumer against /usr and purges them (tools/package.sh)
+#   bash tools/run.sh abi [--update]    the ABI of build/'s libzmauth.so.1 against abi/libzmauth.so.1.abi (tools/abi.sh)
 set -euo pipefail
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -23,6 +26,10 @@ packages=(
 )
 # Only the fuzz build needs clang, libFuzzer and the symbolizer.
 fuzz_packages=(clang-14 libclang-rt-14-dev llvm-14)
+# The Debian packages are built with debhelper and checked with lintian; the
+# install check reads the man page with man-db; the ABI gate uses libabigail.
+package_packages=(devscripts debhelper lintian man-db)
+abi_packages=(abigail-tools)
 
 # ensure_packages: installs what is missing, services kept from starting.
 . "$root/tools/packages.sh"
@@ -111,8 +118,19 @@ case "$cmd" in
             -DZMAUTH_BUILD_TESTS=OFF -DZMAUTH_BUILD_BENCH=OFF -DZMAUTH_BUILD_TOOLS=OFF >/dev/null
         exec bash "$root/tests/fuzz/run.sh" "$dir" "$@"
         ;;
+    package)
+        ensure_packages "${packages[@]}" "${package_packages[@]}"
+        exec bash "$root/tools/package.sh" "$@"
+        ;;
+    abi)
+        ensure_packages "${packages[@]}" "${abi_packages[@]}"
+        # Only the library: the baseline is its ABI in this build's configuration.
+        cmake -S "$root" -B "$root/build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+        cmake --build "$root/build" -j "$jobs" --target zmauth
+        exec bash "$root/tools/abi.sh" "$root/build" "$@"
+        ;;
     *)
-        sed -n '2,10p' "${BASH_SOURCE[0]}" | sed 's/^# \{0,1\}//' >&2
+        sed -n '2,13p' "${BASH_SOURCE[0]}" | sed 's/^# \{0,1\}//' >&2
         exit 2
         ;;
 esac
