@@ -3,6 +3,9 @@
 
 #include <zmldap.h>
 
+#include <gssapi/gssapi_krb5.h>
+#include <sys/stat.h>
+
 #include <QMutexLocker>
 
 #include <condition_variable>
@@ -112,7 +115,7 @@ QStringList RecordLog::linesOf(std::thread::id thread) const
     for (const Record &r : records())
         if (r.thread == thread)
             out.append(line(r));
-    return out;
+    return withoutCallback(out);
 }
 
 QStringList RecordLog::lines() const
@@ -157,6 +160,27 @@ QStringList repeated(const QList<QStringList> &perRound)
     QStringList out;
     for (const QStringList &round : perRound)
         out += round;
+    return out;
+}
+
+QStringList withoutCallback(const QStringList &lines)
+{
+    QStringList out;
+    for (const QString &l : lines)
+        if (!l.contains(QLatin1String(" | int zm_sasl_interact(")))
+            out.append(l);
+    return out;
+}
+
+QString difference(const QStringList &actual, const QStringList &expected)
+{
+    if (actual == expected)
+        return QString();
+    int at = 0;
+    while (at < actual.size() && at < expected.size() && actual[at] == expected[at])
+        ++at;
+    QString out = QStringLiteral("%1 records, %2 expected; they part at %3\nactual:\n").arg(actual.size()).arg(expected.size()).arg(at);
+    out += actual.mid(at, 8).join(QLatin1Char('\n')) + QStringLiteral("\nexpected:\n") + expected.mid(at, 8).join(QLatin1Char('\n'));
     return out;
 }
 
@@ -222,6 +246,69 @@ QString directoryRound(const RealmEnv &env, const QString &method)
         problems.append(QStringLiteral("iterator: ") + sortedLogins(walked).join(QLatin1Char(' ')));
     if (!problems.isEmpty())
         problems.prepend(QStringLiteral("method ") + method + QLatin1Char(':'));
+    return problems.join(QLatin1Char(' '));
+}
+
+std::string threadCacheName()
+{
+    // The call sets a name and hands back the one before; that one is set again.
+    OM_uint32 minor = 0;
+    const char *previous = nullptr;
+    gss_krb5_ccache_name(&minor, "MEMORY:zmauth-probe", &previous);
+    const std::string name = previous ? previous : "";
+    gss_krb5_ccache_name(&minor, name.empty() ? nullptr : name.c_str(), nullptr);
+    return name;
+}
+
+void resetThreadCacheName()
+{
+    OM_uint32 minor = 0;
+    gss_krb5_ccache_name(&minor, nullptr, nullptr);
+}
+
+namespace {
+bool exists(const std::string &path)
+{
+    struct stat st;
+    return stat(path.c_str(), &st) == 0;
+}
+} // namespace
+
+QString kerberosRound(const RealmEnv &env, zmkrb::Service &service, const QString &key, const std::string &peer)
+{
+    const std::string realm = env.str(QStringLiteral("KRB5_REALM"));
+    const std::string user = env.str(key + QStringLiteral("_NAME"));
+    QStringList problems;
+    std::string cache;
+    {
+        zmkrb::Client client(env.str(QStringLiteral("SERVICE_NAME")));
+        const zmkrb::Result first = client.authorize(realm, user, env.str(key + QStringLiteral("_PASSWORD")));
+        if (first.status != 1 || first.user != user || first.token.empty())
+            return QStringLiteral("password authorize: status %1").arg(first.status);
+        const zmkrb::Result accepted = service.acceptNew(peer, first.token);
+        if (accepted.status != 1 || accepted.user != user + "@" + realm || accepted.token.empty())
+            return QStringLiteral("acceptNew of %1's token: status %2, user %3")
+                .arg(QString::fromStdString(user)).arg(accepted.status).arg(QString::fromStdString(accepted.user));
+        const zmkrb::Result done = client.authorizeContinue(accepted.token);
+        if (done.status != 1 || !done.token.empty())
+            problems.append(QStringLiteral("authorizeContinue: status %1").arg(done.status));
+        cache = threadCacheName();
+        if (!exists(cache))
+            problems.append(QStringLiteral("the private cache is not the thread's: ") + QString::fromStdString(cache));
+    }
+    if (exists(cache))
+        problems.append(QStringLiteral("left behind: ") + QString::fromStdString(cache));
+    resetThreadCacheName();
+
+    zmkrb::Client client(env.str(QStringLiteral("SERVICE_NAME")));
+    const zmkrb::Result first = client.authorize("", "", "");
+    if (first.status != 1 || !first.user.empty() || first.token.empty())
+        return QStringLiteral("process-credential authorize: status %1").arg(first.status);
+    const zmkrb::Result accepted = service.acceptNew(peer, first.token);
+    if (accepted.status != 1 || accepted.user != env.str(QStringLiteral("USER_NAME")) + "@" + realm)
+        problems.append(QStringLiteral("acceptNew of the process's ticket: status %1").arg(accepted.status));
+    else if (client.authorizeContinue(accepted.token).status != 1)
+        problems.append(QStringLiteral("authorizeContinue of the process's ticket"));
     return problems.join(QLatin1Char(' '));
 }
 

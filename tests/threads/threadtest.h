@@ -8,6 +8,8 @@
 #include "realmenv.h"
 #include "zelmora.h"
 
+#include <zmkerberos.h>
+
 #include <QHash>
 #include <QList>
 #include <QMutex>
@@ -17,6 +19,7 @@
 #include <QtGlobal>
 
 #include <functional>
+#include <string>
 #include <thread>
 
 namespace threadtest {
@@ -56,7 +59,8 @@ public:
     RecordLog &operator=(const RecordLog &) = delete;
 
     QList<Record> records() const;
-    // One-line forms of the records one thread wrote, in its order.
+    // One-line forms of the records one thread wrote, in its order, without
+    // those of the SASL callback (see withoutCallback).
     QStringList linesOf(std::thread::id thread) const;
     // One-line forms of all records, in order.
     QStringList lines() const;
@@ -84,6 +88,15 @@ int openDescriptors();
 // The records a thread should have written: the reference lines of each
 // round, one after another.
 QStringList repeated(const QList<QStringList> &perRound);
+// Empty when the lists are equal, otherwise where they part and a few lines
+// of each from there.
+// The lines without the SASL callback's. Cyrus SASL's DIGEST-MD5 keeps what
+// it needs to authenticate again for the whole process, and a bind may ask
+// the callback for its answers once more when that is taken or stale: how
+// often depends on the other binds, not on the calls of the thread. Those
+// lines still have to be whole ones (strayRecords).
+QStringList withoutCallback(const QStringList &lines);
+QString difference(const QStringList &actual, const QStringList &expected);
 
 // Directory settings for the realm described by env: method "0", "1"
 // (DIGEST-MD5 as the realm's user) or "8" (GSSAPI with the ticket of the
@@ -96,6 +109,20 @@ zelmora::ObjectInfo directorySettings(const RealmEnv &env, const QString &method
 // listing and the iterator, then the object is destroyed. Empty when every
 // result is as it must be, otherwise what was not.
 QString directoryRound(const RealmEnv &env, const QString &method);
+
+// The credential cache GSSAPI uses on this thread, read without changing it.
+std::string threadCacheName();
+// Points GSSAPI on this thread back at the default cache (KRB5CCNAME): what
+// a caller does after a password login, whose private cache ~Client removes.
+void resetThreadCacheName();
+
+// One Kerberos round on this thread with a Service of its own: a password
+// login of the realm's user named by key ("USER", "USER2" or "CYR_USER") on a
+// Client of its own, the token accepted, the reply taken back (the
+// mechanism's second step), the Client destroyed and its cache removed; then
+// the thread's cache name reset, and the same with the process's own ticket
+// (the default cache's). Empty when every result is as it must be.
+QString kerberosRound(const RealmEnv &env, zmkrb::Service &service, const QString &key, const std::string &peer);
 
 } // namespace threadtest
 

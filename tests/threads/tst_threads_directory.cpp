@@ -46,7 +46,7 @@ private slots:
                 log.clear();
                 const QString problem = directoryRound(env, method);
                 QVERIFY2(problem.isEmpty(), qPrintable(problem));
-                reference.insert(method, log.lines());
+                reference.insert(method, withoutCallback(log.lines()));
                 for (const QString &l : log.lines())
                     known.insert(l);
             }
@@ -74,7 +74,8 @@ private slots:
 
         for (int i = 0; i < count; ++i) {
             QVERIFY2(problems[i].isEmpty(), qPrintable(QStringLiteral("thread %1: ").arg(i) + problems[i].join('\n')));
-            QCOMPARE(log.linesOf(ids[i]), expected[i]);
+            const QString diff = difference(log.linesOf(ids[i]), expected[i]);
+            QVERIFY2(diff.isEmpty(), qPrintable(diff));
         }
         const QString stray = strayRecords(log.records(), known);
         QVERIFY2(stray.isEmpty(), qPrintable(stray));
