@@ -6,8 +6,6 @@
 #include <gssapi/gssapi_krb5.h>
 #include <sys/stat.h>
 
-#include <QMutexLocker>
-
 #include <condition_variable>
 #include <mutex>
 #include <vector>
@@ -99,13 +97,13 @@ void RecordLog::handler(QtMsgType type, const QMessageLogContext &context, const
         return;
     Record r{type, QString::fromUtf8(context.category), text, QString::fromUtf8(context.file),
              QString::fromUtf8(context.function), std::this_thread::get_id()};
-    QMutexLocker lock(&self->m_mutex);
+    std::lock_guard<std::mutex> lock(self->m_mutex);
     self->m_records.append(r);
 }
 
 QList<Record> RecordLog::records() const
 {
-    QMutexLocker lock(&m_mutex);
+    std::lock_guard<std::mutex> lock(m_mutex);
     return m_records;
 }
 
@@ -128,7 +126,7 @@ QStringList RecordLog::lines() const
 
 void RecordLog::clear()
 {
-    QMutexLocker lock(&m_mutex);
+    std::lock_guard<std::mutex> lock(m_mutex);
     m_records.clear();
 }
 
