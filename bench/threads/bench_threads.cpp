@@ -1,8 +1,10 @@
 // Throughput by thread count: Service::acceptNew per second, and connect plus
 // checkADUser per second by DIGEST-MD5 and by GSSAPI, at 1, 2, 4 and 8
-// threads in one run. Every thread has objects of its own. Beside the
-// directory figures: the CPU time slapd and this process spent per second of
-// wall time, which says which side runs out of cores first.
+// threads in one run. Every thread has objects of its own. Beside each
+// figure, per second of wall time: slapd's CPU time (for the directory), and
+// the worker threads' time on a core, waiting for one, and blocked; which
+// says whether the machine's cores, the server or the library's callers'
+// waiting set the rate.
 //
 //   bench_threads REALM_DIR [tokens per count] [directory rounds per count]
 #include <zmkerberos.h>
@@ -15,7 +17,6 @@
 #include "realmenv.h"
 #include "tokens.h"
 
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -44,33 +45,67 @@ double slapdSeconds(const QString &pid)
     return double(fields.value(11).toLongLong() + fields.value(12).toLongLong()) / double(sysconf(_SC_CLK_TCK));
 }
 
-double ownSeconds()
+// Nanoseconds the calling thread has run on a core and waited for one
+// (runnable, not running), from /proc/thread-self/schedstat.
+struct Sched {
+    double run = 0;
+    double wait = 0;
+};
+Sched threadSched()
 {
-    rusage u{};
-    getrusage(RUSAGE_SELF, &u);
-    return double(u.ru_utime.tv_sec + u.ru_stime.tv_sec) + double(u.ru_utime.tv_usec + u.ru_stime.tv_usec) / 1e6;
+    Sched s;
+    if (FILE *f = std::fopen("/proc/thread-self/schedstat", "r")) {
+        unsigned long long run = 0, wait = 0;
+        if (std::fscanf(f, "%llu %llu", &run, &wait) == 2) {
+            s.run = double(run);
+            s.wait = double(wait);
+        }
+        std::fclose(f);
+    }
+    return s;
 }
 
+// Where the worker threads' time went, in thread-seconds per wall second:
+// on a core, waiting for a core (the machine is busy), and the rest,
+// blocked (the server's answer, a lock, the disk).
+struct Spread {
+    double seconds = 0;
+    double running = 0;
+    double queued = 0;
+    double blocked = 0;
+};
+
 // Runs body(thread, index) for index 0 .. total-1, shared out over count
-// threads; returns the wall seconds. Any false result ends the run.
+// threads. Any false result ends the run.
 template <typename Body>
-double spread(int count, int total, Body body)
+Spread spread(int count, int total, Body body)
 {
     std::atomic<bool> failed{false};
     std::vector<std::thread> threads;
+    std::vector<Sched> used(static_cast<size_t>(count));
     const auto start = Clock::now();
     for (int t = 0; t < count; ++t)
         threads.emplace_back([&, t] {
+            const Sched before = threadSched();
             for (int i = t; i < total; i += count)
                 if (!body(t, i))
                     failed = true;
+            const Sched after = threadSched();
+            used[size_t(t)].run = after.run - before.run;
+            used[size_t(t)].wait = after.wait - before.wait;
         });
     for (std::thread &th : threads)
         th.join();
-    const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    Spread out;
+    out.seconds = std::chrono::duration<double>(Clock::now() - start).count();
     if (failed)
         benchkrb::die("a call failed");
-    return seconds;
+    for (const Sched &u : used) {
+        out.running += u.run / 1e9 / out.seconds;
+        out.queued += u.wait / 1e9 / out.seconds;
+    }
+    out.blocked = qMax(0.0, count - out.running - out.queued);
+    return out;
 }
 
 zelmora::ObjectInfo settings(const RealmEnv &env, const QString &method)
@@ -122,38 +157,47 @@ int main(int argc, char **argv)
         if (load.open(QIODevice::ReadOnly))
             std::printf("  load average at start: %s", load.readAll().constData());
     }
-    std::printf("  %-30s %7s %10s %8s %12s %12s\n", "what", "threads", "per s", "x 1", "slapd cpu/s", "own cpu/s");
+    std::printf("  %-30s %7s %8s %6s %8s %8s %8s %8s\n", "what", "threads", "per s", "x 1", "slapd", "running",
+                "queued", "blocked");
 
+    // Warm-ups, not counted: the first accepts, and each method's first binds
+    // (the GSSAPI ones fetch slapd's service ticket into the cache).
+    spread(1, qMin(200, tokenCount), [&](int, int i) {
+        zmkrb::Service service;
+        return service.acceptNew("bench-peer", run.tokens[size_t(i)]).status == 1;
+    });
     double base = 0;
     for (int count : kCounts) {
         std::vector<zmkrb::Service> services(static_cast<size_t>(count));
-        const double own = ownSeconds();
-        const double seconds = spread(count, tokenCount, [&](int t, int i) {
+        const Spread used = spread(count, tokenCount, [&](int t, int i) {
             const zmkrb::Result r = services[size_t(t)].acceptNew("bench-peer", run.tokens[size_t(i)]);
             return r.status == 1 && r.user == run.user;
         });
-        const double rate = tokenCount / seconds;
+        const double rate = tokenCount / used.seconds;
         if (count == 1)
             base = rate;
-        std::printf("  %-30s %7d %10.0f %8.2f %12s %12.2f\n", "Service::acceptNew", count, rate, rate / base, "-",
-                    (ownSeconds() - own) / seconds);
+        std::printf("  %-30s %7d %8.0f %6.2f %8s %8.2f %8.2f %8.2f\n", "Service::acceptNew", count, rate, rate / base,
+                    "-", used.running, used.queued, used.blocked);
     }
 
     for (const QString &method : {QStringLiteral("1"), QStringLiteral("8")}) {
         const zelmora::ObjectInfo s = settings(env, method);
         const char *what = method == QLatin1String("1") ? "connect+checkADUser DIGEST-MD5" : "connect+checkADUser GSSAPI";
+        spread(2, 10, [&](int, int) {
+            ZMLDAP ldap(s);
+            return ldap.connect() == 0 && ldap.checkADUser(alice);
+        });
         for (int count : kCounts) {
             const double server = slapdSeconds(slapd);
-            const double own = ownSeconds();
-            const double seconds = spread(count, dirRounds, [&](int, int) {
+            const Spread used = spread(count, dirRounds, [&](int, int) {
                 ZMLDAP ldap(s);
                 return ldap.connect() == 0 && ldap.checkADUser(alice);
             });
-            const double rate = dirRounds / seconds;
+            const double rate = dirRounds / used.seconds;
             if (count == 1)
                 base = rate;
-            std::printf("  %-30s %7d %10.0f %8.2f %12.2f %12.2f\n", what, count, rate, rate / base,
-                        (slapdSeconds(slapd) - server) / seconds, (ownSeconds() - own) / seconds);
+            std::printf("  %-30s %7d %8.0f %6.2f %8.2f %8.2f %8.2f %8.2f\n", what, count, rate, rate / base,
+                        (slapdSeconds(slapd) - server) / used.seconds, used.running, used.queued, used.blocked);
         }
     }
     return 0;
