@@ -17,6 +17,12 @@ bool underValgrind()
     return qEnvironmentVariableIsSet("ZMAUTH_VALGRIND");
 }
 
+void offReplayCacheUnderValgrind()
+{
+    if (underValgrind())
+        qputenv("KRB5RCACHETYPE", "none");
+}
+
 int threads()
 {
     bool ok = false;

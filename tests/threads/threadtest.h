@@ -30,6 +30,12 @@ int threads();
 // (ZMAUTH_VALGRIND), which runs one thread at a time, a tenth of that.
 int rounds(int full);
 bool underValgrind();
+// Under valgrind, the replay cache is turned off for the process. Valgrind
+// runs one thread at a time and does not let a thread that waits in
+// fcntl(F_OFD_SETLKW), MIT's lock on the replay cache file, give up its
+// turn: when two threads accept at once, the holder of the file lock never
+// runs again and the test hangs. Called before any Kerberos use.
+void offReplayCacheUnderValgrind();
 
 // Runs body(0) .. body(count - 1), each on a thread of its own; all of them
 // wait until every thread exists, then start together. Returns when all have

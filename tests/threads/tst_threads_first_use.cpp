@@ -8,6 +8,7 @@
 
 #include <zmldap.h>
 
+#include <QProcess>
 #include <QtTest>
 
 #include <vector>
@@ -24,6 +25,17 @@ private slots:
     {
         QVERIFY2(env.isValid(), "the realm (ZMAUTH_REALM_DIR) is needed");
         QVERIFY(krbtest::kinitUser(env));
+        // slapd's service tickets into the cache as well, by MIT's kvno: the
+        // binds then only read the cache. Many threads storing the same
+        // ticket at once would take turns on the cache file's lock, which
+        // the valgrind run cannot do (see offReplayCacheUnderValgrind).
+        QProcess kvno;
+        QStringList principals;
+        for (const QString &p : env.value(QStringLiteral("LDAP_PRINCIPALS")).split(QLatin1Char(' '), Qt::SkipEmptyParts))
+            principals.append(p + QLatin1Char('@') + env.value(QStringLiteral("KRB5_REALM")));
+        kvno.start(QStringLiteral("kvno"), principals);
+        QVERIFY(kvno.waitForFinished(30000));
+        QCOMPARE(kvno.exitCode(), 0);
     }
     void cleanupTestCase()
     {
