@@ -5,7 +5,8 @@
 # and, for CI and developers:
 #   bash tools/run.sh test --sanitize   the same suite built with AddressSanitizer and UBSan
 #   bash tools/run.sh test --valgrind   the plain build's suite under valgrind memcheck (long runs shortened)
-#   bash tools/run.sh bench [--smoke] [ldap|kerberos]   the benchmarks (bench/README.md)
+#   bash tools/run.sh test --tsan       the threaded tests (label threads) built with ThreadSanitizer
+#   bash tools/run.sh bench [--smoke] [ldap|kerberos|threads]   the benchmarks (bench/README.md)
 #   bash tools/run.sh consumer          install into a temporary prefix and build a consumer against it
 #   bash tools/run.sh fuzz [SECONDS] [--jobs N] [--seed N] [TARGET...]   the libFuzzer targets, SECONDS each (tests/fuzz/run.sh)
 #   bash tools/run.sh package [--check]  Debian packages into build-deb/, lintian-clean; --check installs them,
@@ -69,6 +70,29 @@ case "$cmd" in
             run_tests "$dir" || status=$?
             if compgen -G "$logs/*" >/dev/null; then
                 echo "Sanitizer reports:" >&2
+                cat "$logs"/* >&2
+                status=1
+            fi
+            exit $status
+        fi
+        if [ "${1:-}" = "--tsan" ]; then
+            dir="$root/build-tsan"
+            logs="$dir/tsan-logs"
+            cmake -S "$root" -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZMAUTH_TSAN=ON \
+                -DZMAUTH_BUILD_BENCH=OFF -DZMAUTH_BUILD_TOOLS=OFF
+            # Only the threaded tests' programs (and what they link).
+            mapfile -t targets < <(sed -n 's/^thread_test(\([a-z_]*\)).*/\1/p' "$root/tests/threads/CMakeLists.txt")
+            cmake --build "$dir" -j "$jobs" --target "${targets[@]}"
+            rm -rf "$logs" && mkdir -p "$logs"
+            # Any report fails the run, also one from a process whose exit
+            # status nobody reads (reports go to files as well). Reports inside
+            # the uninstrumented system libraries are suppressed one by one,
+            # each with its reason, in tests/tsan.supp.
+            export TSAN_OPTIONS="suppressions=$root/tests/tsan.supp:halt_on_error=1:exitcode=66:second_deadlock_stack=1:log_path=$logs/tsan"
+            status=0
+            ctest --test-dir "$dir" --output-on-failure -j "$jobs" -L threads || status=$?
+            if compgen -G "$logs/*" >/dev/null; then
+                echo "ThreadSanitizer reports:" >&2
                 cat "$logs"/* >&2
                 status=1
             fi

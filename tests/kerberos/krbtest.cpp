@@ -41,6 +41,14 @@ void resetAll()
 
 namespace {
 
+// The interposers run on whatever thread calls GSSAPI or krb5: what they note
+// is kept under one lock, so that threaded tests can use them too.
+std::mutex &notesMutex()
+{
+    static std::mutex m;
+    return m;
+}
+
 // Handles noted by the interposers: security contexts (initiator and
 // acceptor) and credentials acquired by a Service constructor.
 std::set<gss_ctx_id_t> &contexts()
@@ -95,7 +103,10 @@ F real(const char *name)
 
 void record(const char *call, const void *caller)
 {
-    if (seen().recordReleases && !fromMit(caller))
+    if (fromMit(caller))
+        return;
+    std::lock_guard<std::mutex> lock(notesMutex());
+    if (seen().recordReleases)
         seen().releases.push_back(call);
 }
 
@@ -104,6 +115,7 @@ void record(const char *call, const void *caller)
 void releaseHeldContexts()
 {
     static auto deleteContext = real<OM_uint32 (*)(OM_uint32 *, gss_ctx_id_t *, gss_buffer_t)>("gss_delete_sec_context");
+    std::lock_guard<std::mutex> lock(notesMutex());
     OM_uint32 minor = 0;
     for (gss_ctx_id_t context : contexts())
         deleteContext(&minor, &context, GSS_C_NO_BUFFER);
@@ -114,14 +126,23 @@ void releaseHeldHandles()
 {
     static auto releaseCred = real<OM_uint32 (*)(OM_uint32 *, gss_cred_id_t *)>("gss_release_cred");
     releaseHeldContexts();
+    std::lock_guard<std::mutex> lock(notesMutex());
     OM_uint32 minor = 0;
     for (gss_cred_id_t cred : serviceCreds())
         releaseCred(&minor, &cred);
     serviceCreds().clear();
 }
 
-int heldContexts() { return int(contexts().size()); }
-int heldCredentials() { return int(serviceCreds().size()); }
+int heldContexts()
+{
+    std::lock_guard<std::mutex> lock(notesMutex());
+    return int(contexts().size());
+}
+int heldCredentials()
+{
+    std::lock_guard<std::mutex> lock(notesMutex());
+    return int(serviceCreds().size());
+}
 
 void resetThreadCache()
 {
@@ -138,6 +159,7 @@ std::vector<std::string> &createdCachesEver()
 
 std::vector<std::string> leftoverCaches()
 {
+    std::lock_guard<std::mutex> lock(notesMutex());
     std::vector<std::string> out;
     for (const std::string &name : createdCachesEver())
         if (fileExists(name))
@@ -303,12 +325,15 @@ krb5_error_code KRB5_CALLCONV krb5_cc_new_unique(krb5_context context, const cha
         "krb5_cc_new_unique");
     static auto getName = krbtest::real<const char *(*)(krb5_context, krb5_ccache)>("krb5_cc_get_name");
     const bool ours = !krbtest::fromMit(__builtin_return_address(0));
-    if (ours)
+    if (ours) {
+        std::lock_guard<std::mutex> lock(krbtest::notesMutex());
         seen().newUniqueHints.push_back(hint ? hint : "<null>");
+    }
     if (ours && faults().newUnique)
         return faults().newUnique;
     const krb5_error_code code = next(context, type, hint, id);
     if (ours && code == 0) {
+        std::lock_guard<std::mutex> lock(krbtest::notesMutex());
         seen().createdCaches.push_back(getName(context, *id));
         krbtest::createdCachesEver().push_back(seen().createdCaches.back());
     }
@@ -430,8 +455,10 @@ OM_uint32 KRB5_CALLCONV gss_acquire_cred(OM_uint32 *minor, gss_name_t name, OM_u
         "gss_acquire_cred");
     const OM_uint32 major = next(minor, name, time, mechs, usage, output, actualMechs, timeRec);
     if (!GSS_ERROR(major) && output && *output != GSS_C_NO_CREDENTIAL
-        && krbtest::fromServiceConstructor(__builtin_return_address(0)))
+        && krbtest::fromServiceConstructor(__builtin_return_address(0))) {
+        std::lock_guard<std::mutex> lock(krbtest::notesMutex());
         krbtest::serviceCreds().insert(*output);
+    }
     return major;
 }
 
@@ -439,8 +466,10 @@ OM_uint32 KRB5_CALLCONV gss_release_cred(OM_uint32 *minor, gss_cred_id_t *cred)
 {
     static auto next = krbtest::real<OM_uint32 (*)(OM_uint32 *, gss_cred_id_t *)>("gss_release_cred");
     krbtest::record("gss_release_cred", __builtin_return_address(0));
-    if (cred && !krbtest::fromMit(__builtin_return_address(0)))
+    if (cred && !krbtest::fromMit(__builtin_return_address(0))) {
+        std::lock_guard<std::mutex> lock(krbtest::notesMutex());
         krbtest::serviceCreds().erase(*cred);
+    }
     return next(minor, cred);
 }
 
@@ -466,6 +495,7 @@ OM_uint32 KRB5_CALLCONV gss_init_sec_context(OM_uint32 *minor, gss_cred_id_t cre
     const OM_uint32 major = next(minor, cred, context, target, mech, reqFlags, time, bindings, input, actualMech,
                                  output, retFlags, timeRec);
     if (ours && context) {
+        std::lock_guard<std::mutex> lock(krbtest::notesMutex());
         if (before != GSS_C_NO_CONTEXT && *context != before)
             krbtest::contexts().erase(before);
         if (*context != GSS_C_NO_CONTEXT)
@@ -488,6 +518,7 @@ OM_uint32 KRB5_CALLCONV gss_accept_sec_context(OM_uint32 *minor, gss_ctx_id_t *c
     const OM_uint32 major = next(minor, context, cred, input, bindings, source, mech, output, retFlags, timeRec,
                                  delegated);
     if (ours && context) {
+        std::lock_guard<std::mutex> lock(krbtest::notesMutex());
         if (before != GSS_C_NO_CONTEXT && *context != before)
             krbtest::contexts().erase(before);
         if (*context != GSS_C_NO_CONTEXT)
@@ -502,6 +533,7 @@ OM_uint32 KRB5_CALLCONV gss_delete_sec_context(OM_uint32 *minor, gss_ctx_id_t *c
         "gss_delete_sec_context");
     const void *caller = __builtin_return_address(0);
     if (!krbtest::fromMit(caller)) {
+        std::lock_guard<std::mutex> lock(krbtest::notesMutex());
         if (strstr(krbtest::objectOf(caller), "libzmauth"))
             ++seen().gssDeleteSecContext;
         if (context)
