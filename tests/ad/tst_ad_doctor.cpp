@@ -2,7 +2,11 @@
 // recognised as Active Directory, method 1 and method 0 fail with the fixes
 // a domain needs, method 8 with a ticket passes (the Cyrillic login warns),
 // an address without a name fails the reverse lookup and the bind, a keytab
-// with RC4 keys only warns, and the clock is read from the root DSE.
+// with RC4 keys only warns, and the clock is read from the root DSE. Service
+// accounts of the test's own, gone wrong for real (a password reset after
+// the export, RC4 keys for an AES-only account, an SPN on two accounts,
+// attributes the bound user may not read), each meet their verdict, and a
+// failed exchange names the missing key.
 #include "toolrun.h"
 
 #include <QJsonArray>
@@ -105,6 +109,29 @@ class AdDoctor : public QObject {
         return report;
     }
 
+    // The test's own service accounts, made once (tests/ad/service-accounts.py):
+    // their names start with m_prefix, their keytabs are in m_dir.
+    QString m_prefix = QStringLiteral("dr%1").arg(QCoreApplication::applicationPid() % 100000);
+    int m_madeAccounts = -1;
+    // %1: the prefix, %2: the case (so %1%22$ is the second account of a
+    // case), %3: the keytab.
+    QString fill(QString text, const QString &account, const QString &keytab = QString()) const
+    {
+        return text.replace(QLatin1String("%1"), m_prefix).replace(QLatin1String("%2"), account).replace(QLatin1String("%3"), keytab);
+    }
+    bool makeServiceAccounts()
+    {
+        if (m_madeAccounts < 0) {
+            const ToolRun run = runCommand(QStringLiteral("/usr/bin/python3"),
+                                           {QStringLiteral(ZMAUTH_SERVICE_ACCOUNTS),
+                                            value("AD_DIR") + QStringLiteral("/samba/etc/smb.conf"), m_dir.path(), m_prefix});
+            if (run.exitCode != 0)
+                qWarning("service-accounts.py: %s", describe(run).constData());
+            m_madeAccounts = run.exitCode == 0 ? 1 : 0;
+        }
+        return m_madeAccounts == 1;
+    }
+
     QStringList peopleLogins() const { return value("AD_PEOPLE_USERS").split(QLatin1Char(' '), Qt::SkipEmptyParts); }
 
 private slots:
@@ -121,7 +148,7 @@ private slots:
         const Report r = doctor({QStringLiteral("-s"), settingsFile(QStringLiteral("digest.json"), QStringLiteral("1"))},
                                 cache(QStringLiteral("digest"), false));
         QVERIFY2(r.run.exitCode == 6, describe(r.run));
-        QCOMPARE(r.statuses(), QStringLiteral("PASS PASS SKIP PASS PASS FAIL SKIP SKIP PASS FAIL SKIP SKIP SKIP SKIP SKIP SKIP"));
+        QCOMPARE(r.statuses(), QStringLiteral("PASS PASS SKIP PASS PASS FAIL SKIP SKIP PASS FAIL SKIP SKIP SKIP SKIP SKIP SKIP SKIP"));
         QVERIFY2(r.finding("root-dse").startsWith(QStringLiteral("server: Active Directory (capability 1.2.840.113556.1.4.800)")),
                  qPrintable(r.finding("root-dse")));
         QVERIFY(r.finding("root-dse").contains(QStringLiteral("; SASL mechanisms: GSS-SPNEGO GSSAPI NTLM; paged results: yes; currentTime ")));
@@ -141,7 +168,7 @@ private slots:
         const Report r = doctor({QStringLiteral("-s"), settingsFile(QStringLiteral("anon.json"), QStringLiteral("0"))},
                                 cache(QStringLiteral("anon"), false));
         QVERIFY2(r.run.exitCode == 6, describe(r.run));
-        QCOMPARE(r.statuses(), QStringLiteral("PASS PASS SKIP PASS PASS SKIP FAIL SKIP PASS PASS SKIP SKIP SKIP SKIP SKIP SKIP"));
+        QCOMPARE(r.statuses(), QStringLiteral("PASS PASS SKIP PASS PASS SKIP FAIL SKIP PASS PASS SKIP SKIP SKIP SKIP SKIP SKIP SKIP"));
         QCOMPARE(r.finding("anonymous"), QStringLiteral("the server refuses anonymous searches: ldap_search_ext_s 1 Operations error "
                                                         "(00002020: Operation unavailable without authentication)"));
         QCOMPARE(r.fix("anonymous"), kAnonymousFix);
@@ -161,7 +188,7 @@ private slots:
                                  QStringLiteral("--user"), value("AD_USER_NAME")},
                                 cache(QStringLiteral("gssapi"), true));
         QVERIFY2(r.run.exitCode == 0, describe(r.run));
-        QCOMPARE(r.statuses(), QStringLiteral("PASS PASS PASS PASS PASS PASS SKIP PASS PASS PASS PASS PASS PASS WARN PASS PASS"));
+        QCOMPARE(r.statuses(), QStringLiteral("PASS PASS PASS PASS PASS PASS SKIP PASS PASS PASS PASS PASS PASS WARN PASS PASS PASS"));
         const QString host = value("AD_DC_HOST");
         const QString ip = value("AD_DC_IP");
         const QString principal = value("AD_USER_NAME") + QLatin1Char('@') + value("AD_REALM");
@@ -182,12 +209,19 @@ private slots:
                                                       "sAMAccountName (%1)").arg(count));
         const QString cyrillic = value("AD_CYR_LOGIN_NAME");
         QCOMPARE(r.finding("non-ascii-logins"),
-                 QStringLiteral("1 of %1 sampled logins (sAMAccountName) is not ASCII: %2; the account check cuts its filter to as "
-                                "many bytes as it has UTF-16 units, so it cannot find them: checkADUser(\"%2\") answers not found "
-                                "(ldap_search_ext_s -7 Bad search filter)").arg(count).arg(cyrillic));
+                 QStringLiteral("read %1 user entries in pages of 500: 1 of %1 logins (sAMAccountName) is not ASCII: %2; the "
+                                "account check cuts its filter to as many bytes as it has UTF-16 units, so it cannot find them: "
+                                "checkADUser(\"%2\") answers not found (ldap_search_ext_s -7 Bad search filter)")
+                     .arg(count)
+                     .arg(cyrillic));
         QVERIFY2(r.finding("keytab").endsWith(QStringLiteral(": HTTP/app.zmad.test@ZMAD.TEST kvno 1; enctypes aes256-cts-hmac-sha1-96, "
                                                              "aes128-cts-hmac-sha1-96")),
                  qPrintable(r.finding("keytab")));
+        QCOMPARE(r.finding("service-account"),
+                 QStringLiteral("HTTP/app.zmad.test (or its alias HOST/app.zmad.test) is held by %1 (HTTP/app.zmad.test) alone; the "
+                                "keytab holds kvno 1, the account's msDS-KeyVersionNumber; enctypes in common: "
+                                "aes128-cts-hmac-sha1-96, aes256-cts-hmac-sha1-96")
+                     .arg(value("AD_SERVICE_ACCOUNT")));
         QCOMPARE(r.finding("sso"), QStringLiteral("a whole exchange for %1: the acceptor names %2, login \"alice\", which the "
                                                   "account check finds").arg(value("AD_SERVICE_NAME"), principal));
     }
@@ -224,8 +258,121 @@ private slots:
                  qPrintable(r.finding("keytab")));
         QCOMPARE(r.fix("keytab"), QStringLiteral("set msDS-SupportedEncryptionTypes to 24 (AES) on the service's account and export "
                                                  "the keytab again"));
+        // The account allows the domain's defaults: nothing to compare the
+        // RC4 keys with.
+        QCOMPARE(r.finding("service-account"),
+                 QStringLiteral("HTTP/plain.zmad.test (or its alias HOST/plain.zmad.test) is held by %1 (HTTP/plain.zmad.test) "
+                                "alone; the keytab holds kvno 1, the account's msDS-KeyVersionNumber; "
+                                "msDS-SupportedEncryptionTypes of %1 not readable or not set: not compared")
+                     .arg(value("AD_PLAIN_SERVICE_ACCOUNT")));
         // Debian's Kerberos still takes RC4 tickets.
         QCOMPARE(r.status("sso"), QStringLiteral("PASS"));
+    }
+
+    // Service accounts of the test's own, each gone wrong for real in the
+    // domain (tests/ad/service-accounts.py): the keytab's account and its
+    // keys against the service principal name's holders.
+    void serviceAccount_data()
+    {
+        QTest::addColumn<QString>("account"); // the case, as the script names it
+        QTest::addColumn<QString>("status");
+        QTest::addColumn<QString>("finding");
+        QTest::addColumn<QString>("fix");
+        const QString held = QStringLiteral("HTTP/%1-%2.zmad.test (or its alias HOST/%1-%2.zmad.test) is held by %1%2$ "
+                                            "(HTTP/%1-%2.zmad.test) alone; ");
+        const QString aes = QStringLiteral("aes128-cts-hmac-sha1-96, aes256-cts-hmac-sha1-96");
+        QTest::newRow("healthy") << "fine" << "PASS"
+                                 << held + QStringLiteral("the keytab holds kvno 1, the account's msDS-KeyVersionNumber; "
+                                                          "enctypes in common: ") + aes
+                                 << QString();
+        QTest::newRow("password reset after the export")
+            << "stale" << "FAIL"
+            << held + QStringLiteral("the keytab holds kvno 1 for HTTP/%1-%2.zmad.test, but msDS-KeyVersionNumber of %1%2$ is 2: "
+                                     "the account's password changed after the export, so the service cannot decrypt its "
+                                     "tickets (\"Cannot find key ... kvno 2\"); enctypes in common: ") + aes
+            << QStringLiteral("export a new keytab from %1%2$ (its keys are now at kvno 2) and install it in place of %3");
+        QTest::newRow("RC4-only keytab, AES-only account")
+            << "rc4" << "FAIL"
+            << held + QStringLiteral("the keytab holds kvno 1, the account's msDS-KeyVersionNumber; the keytab's enctypes "
+                                     "(arcfour-hmac) against msDS-SupportedEncryptionTypes 24 of %1%2$ (") + aes
+                   + QStringLiteral("): none in common, so the service has no key for the tickets the KDC issues")
+            << QStringLiteral("export the keytab again from %1%2$ with keys of the enctypes it allows (") + aes + QStringLiteral(")");
+        QTest::newRow("SPN on a second account")
+            << "dup" << "FAIL"
+            << QStringLiteral("2 accounts hold HTTP/%1-%2.zmad.test (or its alias HOST/%1-%2.zmad.test): %1%2$ "
+                              "(HTTP/%1-%2.zmad.test), %1%22$ (HTTP/%1-%2.zmad.test); the KDC may encrypt the service's "
+                              "tickets with the key of an account the keytab is not from")
+            << QStringLiteral("remove the duplicate: keep HTTP/%1-%2.zmad.test on the one account the keytab was exported from "
+                              "and take it off the others (one of: setspn -D HTTP/%1-%2.zmad.test %1%2$; "
+                              "setspn -D HTTP/%1-%2.zmad.test %1%22$)");
+    }
+
+    void serviceAccount()
+    {
+        QFETCH(QString, account);
+        QFETCH(QString, status);
+        QFETCH(QString, finding);
+        QFETCH(QString, fix);
+        QVERIFY2(makeServiceAccounts(), "tests/ad/service-accounts.py failed");
+        const QString keytab = m_dir.filePath(account + QStringLiteral(".keytab"));
+        const Report r = doctor({QStringLiteral("-s"), settingsFile(QStringLiteral("sa.json"), QStringLiteral("8")),
+                                 QStringLiteral("--keytab"), keytab, QStringLiteral("--service"),
+                                 QStringLiteral("HTTP@%1-%2.zmad.test").arg(m_prefix, account)},
+                                cache(QStringLiteral("sa-") + account, true));
+        QCOMPARE(r.status("keytab"), account == QLatin1String("rc4") ? QStringLiteral("WARN") : QStringLiteral("PASS"));
+        QCOMPARE(r.status("service-account"), status);
+        QCOMPARE(r.finding("service-account"), fill(finding, account, keytab));
+        QCOMPARE(r.fix("service-account"), fill(fix, account, keytab));
+        QCOMPARE(r.run.exitCode, status == QLatin1String("FAIL") ? 6 : 0);
+    }
+
+    // The account's attributes denied to the bound user: nothing to compare
+    // is a skip, not a failure.
+    void serviceAccountUnreadable()
+    {
+        QVERIFY2(makeServiceAccounts(), "tests/ad/service-accounts.py failed");
+        const Report r = doctor({QStringLiteral("-s"), settingsFile(QStringLiteral("sa.json"), QStringLiteral("8")),
+                                 QStringLiteral("--keytab"), m_dir.filePath(QStringLiteral("hidden.keytab")),
+                                 QStringLiteral("--service"), QStringLiteral("HTTP@%1-hidden.zmad.test").arg(m_prefix)},
+                                cache(QStringLiteral("sa-hidden"), true));
+        QVERIFY2(r.run.exitCode == 0, describe(r.run));
+        QCOMPARE(r.status("service-account"), QStringLiteral("SKIP"));
+        QCOMPARE(r.reason("service-account"), QStringLiteral("the bound account may not read msDS-KeyVersionNumber and "
+                                                             "msDS-SupportedEncryptionTypes of %1hidden$: nothing to compare "
+                                                             "the keytab with").arg(m_prefix));
+        QCOMPARE(r.status("sso"), QStringLiteral("PASS"));
+    }
+
+    // The exchange that fails on the service's key names the key the KDC
+    // used and what the keytab holds instead.
+    void ssoNamesTheMissingKey_data()
+    {
+        QTest::addColumn<QString>("account");
+        QTest::addColumn<QString>("cause");
+        QTest::newRow("stale key version")
+            << "stale"
+            << "; the KDC encrypts tickets for HTTP/%1-%2.zmad.test with its kvno 2 aes256-cts-hmac-sha1-96 key, and the keytab "
+               "has no key of kvno 2 (it holds kvno 1 aes256-cts-hmac-sha1-96, kvno 1 aes128-cts-hmac-sha1-96)";
+        QTest::newRow("missing enctype")
+            << "rc4"
+            << "; the KDC encrypts tickets for HTTP/%1-%2.zmad.test with its kvno 1 aes256-cts-hmac-sha1-96 key, and the keytab "
+               "has no aes256-cts-hmac-sha1-96 key (it holds kvno 1 arcfour-hmac)";
+    }
+
+    void ssoNamesTheMissingKey()
+    {
+        QFETCH(QString, account);
+        QFETCH(QString, cause);
+        QVERIFY2(makeServiceAccounts(), "tests/ad/service-accounts.py failed");
+        const Report r = doctor({QStringLiteral("-s"), settingsFile(QStringLiteral("sa.json"), QStringLiteral("8")),
+                                 QStringLiteral("--keytab"), m_dir.filePath(account + QStringLiteral(".keytab")),
+                                 QStringLiteral("--service"), QStringLiteral("HTTP@%1-%2.zmad.test").arg(m_prefix, account)},
+                                cache(QStringLiteral("sso-") + account, true));
+        QCOMPARE(r.status("sso"), QStringLiteral("FAIL"));
+        QVERIFY2(r.finding("sso").startsWith(QStringLiteral("acceptNew failed: ")), qPrintable(r.finding("sso")));
+        QVERIFY2(r.finding("sso").endsWith(fill(cause, account)), qPrintable(r.finding("sso")));
+        QVERIFY2(r.fix("sso").endsWith(QStringLiteral("; see service-account for the account behind the keytab")),
+                 qPrintable(r.fix("sso")));
     }
 
     // The root DSE's currentTime against a clock moved with faketime; beyond

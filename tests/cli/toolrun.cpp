@@ -17,7 +17,7 @@ ToolRun runCommand(const QString &program, const QStringList &args, const QByteA
         return run;
     process.write(input);
     process.closeWriteChannel();
-    if (!process.waitForFinished(60000)) {
+    if (!process.waitForFinished(180000)) {
         process.kill();
         process.waitForFinished();
         return run;

@@ -19,7 +19,8 @@ struct ToolRun {
 };
 
 // The program with its arguments, the input on standard input. A hang guard
-// of 60 s: a run that takes longer is killed and reports exit -1.
+// of 180 s (a whole doctor run under valgrind takes over a minute): a run
+// that takes longer is killed and reports exit -1.
 ToolRun runCommand(const QString &program, const QStringList &args, const QByteArray &input = QByteArray(),
                    const QProcessEnvironment &env = QProcessEnvironment::systemEnvironment());
 ToolRun runTool(const QStringList &args, const QByteArray &input = QByteArray(),

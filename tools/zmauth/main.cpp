@@ -28,7 +28,7 @@ const char *const kUsage =
     "                                   (password from standard input)\n"
     "  doctor --settings FILE [--mapping FILE] [--keytab FILE --service NAME@HOST] [--user LOGIN]\n"
     "                                   diagnose a deployment's directory and single sign-on\n"
-    "                                   settings: sixteen checks, each with a fix\n"
+    "                                   settings: seventeen checks, each with a fix\n"
     "\n"
     "Run 'zmauth COMMAND --help' for the options of a command.\n"
     "Records of the library go to standard error only with --verbose (ldap, sso).\n"

@@ -6,6 +6,7 @@
 #include "commands.h"
 #include "inputfiles.h"
 #include "logsink.h"
+#include "session.h"
 
 #include <QElapsedTimer>
 #include <QFileInfo>
@@ -179,6 +180,20 @@ QString needsKeytabAndTicket(const Run &run)
     return needsUpstream(run, {QStringLiteral("keytab"), QStringLiteral("ticket")});
 }
 
+// The account behind the keytab: a keytab that opens, a session that reads
+// the directory, and a domain.
+QString needsServiceAccount(const Run &run)
+{
+    if (run.input.keytab.isEmpty())
+        return QStringLiteral("no --keytab");
+    QString why = needsUpstream(run, {QStringLiteral("keytab")});
+    if (why.isEmpty())
+        why = needsReadableSession(run);
+    if (why.isEmpty() && !isActiveDirectory(run))
+        why = QStringLiteral("the server is not Active Directory (root-dse)");
+    return why;
+}
+
 const Check kChecks[] = {
     {"settings", noNeeds, checkSettings, "the settings file"},
     {"dns", needsSettings, checkDns, "the resolver"},
@@ -195,6 +210,7 @@ const Check kChecks[] = {
     {"mapping", needsBase, checkMapping, "the directory server"},
     {"non-ascii-logins", needsBase, checkNonAsciiLogins, "the directory server"},
     {"keytab", needsKeytab, checkKeytab, "the keytab"},
+    {"service-account", needsServiceAccount, checkServiceAccount, "the directory server"},
     {"sso", needsKeytabAndTicket, checkSso, "the KDC"},
 };
 
@@ -406,10 +422,15 @@ const char *const kDescription =
     "  13 mapping           every attribute of the field mapping (--mapping, else\n"
     "                       PT_USER_CUSTOM_FIELDS_PARAMETER) occurs on a sample of 100 user\n"
     "                       entries, with the same case; every field code is in the catalogues\n"
-    "  14 non-ascii-logins  sampled logins (PT_USER_ID_PARAMETER, else sAMAccountName) outside\n"
-    "                       ASCII, which the library's account check cannot find\n"
+    "  14 non-ascii-logins  every user entry's login (PT_USER_ID_PARAMETER, else sAMAccountName),\n"
+    "                       read in pages: those outside ASCII, which the library's account\n"
+    "                       check cannot find\n"
     "  15 keytab            (--keytab) readable, holds keys for --service, their enctypes\n"
-    "  16 sso               (--keytab and a ticket) a whole single sign-on exchange through the\n"
+    "  16 service-account   (--keytab, Active Directory) the accounts that hold --service's\n"
+    "                       principal name (or its sPNMappings alias, HOST/ for http), their\n"
+    "                       msDS-KeyVersionNumber and msDS-SupportedEncryptionTypes against\n"
+    "                       the keytab's kvno and enctypes\n"
+    "  17 sso               (--keytab and a ticket) a whole single sign-on exchange through the\n"
     "                       library in this process, and the login it maps to\n"
     "\n"
     "Each check runs in a process of its own that is ended after --timeout seconds, and the\n"
@@ -462,8 +483,8 @@ int runDoctor(const QStringList &args)
                                   QStringLiteral("A login to look up with the library's account check after the bind."),
                                   QStringLiteral("LOGIN"));
     const QCommandLineOption pageSize(QStringList{QStringLiteral("page-size")},
-                                      QStringLiteral("Page size of the paged count (size-limit). Default: the settings' "
-                                                     "PT_PAGE_SIZE, else 500."),
+                                      QStringLiteral("Page size of the paged reads (size-limit, non-ascii-logins). Default: "
+                                                     "the settings' PT_PAGE_SIZE, else 500."),
                                       QStringLiteral("N"));
     const QCommandLineOption timeout(QStringList{QStringLiteral("timeout")},
                                      QStringLiteral("Seconds each check may wait for the network (name lookups, "

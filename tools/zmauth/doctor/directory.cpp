@@ -10,6 +10,7 @@
 #include "zmlogging.h"
 
 #include <QDateTime>
+#include <QElapsedTimer>
 #include <QJsonArray>
 #include <QSet>
 
@@ -655,33 +656,63 @@ Outcome checkNonAsciiLogins(const Run &run)
     QString error;
     if (!session.openBound(&error))
         return fail(error, QStringLiteral("see bind"));
-    QList<Entry> sample;
-    if (!sampleUsers(session, run, {attribute}, kSampleSize, &sample, &error))
-        return fail(QStringLiteral("the sample of user entries failed: %1").arg(error), QStringLiteral("see size-limit"));
 
+    // Every user entry, as an import reads them: a sample can miss the one
+    // login the account check cannot find. Only the login is asked for.
+    const QString base = run.setting(db::system::ldap::BASE_DN);
+    const QString filter = userFilter(run);
+    const bool paged = run.facts.value(QStringLiteral("pagedResults")).toBool();
+    const int configured = settingsPageSize(run);
+    const int pageSize = run.input.pageSize > 0 ? run.input.pageSize : configured > 0 ? configured : 500;
+    QElapsedTimer timer;
+    timer.start();
+    int entries = 0;
     int withLogin = 0;
     int logins = 0;
     QStringList outside;
-    for (const Entry &entry : qAsConst(sample)) {
-        const QStringList values = strings(valuesOf(entry, attribute));
-        if (!values.isEmpty())
-            ++withLogin;
-        for (const QString &value : values) {
-            ++logins;
-            if (!isAscii(value))
-                outside << value;
+    QString stopped;
+    QByteArray cookie;
+    do {
+        const SearchResult result = session.search(base, LDAP_SCOPE_SUBTREE, filter, {attribute}, LDAP_NO_LIMIT, true,
+                                                   paged ? pageSize : 0, cookie);
+        const bool capped = result.rc == LDAP_SIZELIMIT_EXCEEDED || result.rc == LDAP_ADMINLIMIT_EXCEEDED;
+        if (result.rc != LDAP_SUCCESS && result.rc != LDAP_REFERRAL && !(capped && !paged))
+            return fail(QStringLiteral("reading the user entries failed after %1: %2").arg(entries).arg(result.text),
+                        QStringLiteral("see size-limit"));
+        for (const Entry &entry : result.entries) {
+            ++entries;
+            const QStringList values = strings(valuesOf(entry, attribute));
+            if (!values.isEmpty())
+                ++withLogin;
+            for (const QString &value : values) {
+                ++logins;
+                if (!isAscii(value))
+                    outside << value;
+            }
         }
-    }
-    const QString missing = withLogin < sample.size()
-        ? QStringLiteral("; %1 of the %2 entries have none").arg(sample.size() - withLogin).arg(sample.size())
+        if (capped)
+            stopped = QStringLiteral(" (the server stopped the unpaged search there: %1)").arg(result.text);
+        cookie = paged ? result.cookie : QByteArray();
+        // The check's process is ended after --timeout: report what was read.
+        if (!cookie.isEmpty() && timer.elapsed() >= qint64(run.input.timeout) * 1000 * 3 / 4)
+            stopped = QStringLiteral(" before --timeout %1 s (more entries follow)").arg(run.input.timeout);
+    } while (!cookie.isEmpty() && stopped.isEmpty());
+
+    const QString read = (paged ? QStringLiteral("read %1 user entries in pages of %2").arg(entries).arg(pageSize)
+                                : QStringLiteral("read %1 user entries unpaged").arg(entries))
+        + stopped;
+    const QString missing = withLogin < entries
+        ? QStringLiteral("; %1 of the %2 entries have none").arg(entries - withLogin).arg(entries)
         : QString();
     if (withLogin == 0)
-        return warn(QStringLiteral("none of the %1 sampled entries has %2, so the account check finds none of them")
-                        .arg(sample.size())
-                        .arg(attribute),
+        return warn(QStringLiteral("%1: none has %2, so the account check finds none of them").arg(read, attribute),
                     QStringLiteral("set \"PT_USER_ID_PARAMETER\" to the attribute that holds the login (sAMAccountName in AD)"));
-    if (outside.isEmpty())
-        return pass(QStringLiteral("all %1 sampled logins (%2%3) are ASCII").arg(logins).arg(attribute, missing));
+    if (outside.isEmpty()) {
+        const QString finding = QStringLiteral("%1: all %2 logins (%3%4) are ASCII").arg(read).arg(logins).arg(attribute, missing);
+        if (!stopped.isEmpty())
+            return warn(finding, QStringLiteral("give --timeout more time to read every entry"));
+        return pass(finding);
+    }
 
     // Show what the library's account check really answers for the first one.
     ZMLDAP directory(run.librarySettings());
@@ -694,12 +725,13 @@ Outcome checkNonAsciiLogins(const Run &run)
                      .arg(quoted(outside.constFirst()), found ? QStringLiteral("found") : QStringLiteral("not found"),
                           record.isEmpty() ? QString() : QStringLiteral(" (%1)").arg(record));
     }
-    return warn(QStringLiteral("%1 of %2 sampled logins (%3%4) %5 not ASCII: %6; the account check cuts its filter to as "
-                               "many bytes as it has UTF-16 units, so it cannot find them%7")
+    return warn(QStringLiteral("%1: %2 of %3 logins (%4%5) %6 not ASCII: %7; the account check cuts its filter to as "
+                               "many bytes as it has UTF-16 units, so it cannot find them%8")
+                    .arg(read)
                     .arg(outside.size())
                     .arg(logins)
                     .arg(attribute, missing, outside.size() == 1 ? QStringLiteral("is") : QStringLiteral("are"),
-                         listed(outside), answer),
+                         listed(outside, 5), answer),
                 QStringLiteral("give these accounts ASCII logins, or set \"PT_USER_ID_PARAMETER\" to an attribute whose "
                                "values are ASCII (e.g. userPrincipalName)"));
 }

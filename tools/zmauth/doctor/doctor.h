@@ -121,6 +121,7 @@ Outcome checkNonAsciiLogins(const Run &run);
 Outcome checkTicket(const Run &run);
 Outcome checkClockSkew(const Run &run);
 Outcome checkKeytab(const Run &run);
+Outcome checkServiceAccount(const Run &run);
 Outcome checkSso(const Run &run);
 
 // Shared between the groups.
@@ -131,6 +132,17 @@ Outcome checkSso(const Run &run);
 QString kdcRefusal(const QString &principal);
 // A short fix for a Kerberos error text, or empty when there is none.
 QString kerberosFix(const QString &text);
+// "aes256-cts-hmac-sha1-96" and the like.
+QString enctypeName(int enctype);
+// One key of a keytab.
+struct ServiceKey {
+    int kvno;
+    int enctype;
+};
+// The keys the keytab at path holds for SERVICE/host in any realm (the
+// host without case). False with the reason when it cannot be read.
+bool serviceKeys(const QString &path, const QString &service, const QString &host, QList<ServiceKey> *keys,
+                 QString *error);
 // The clock fix, shared by every check that meets a clock skew.
 QString clockFix();
 // "in 9 h 59 min", "2 min ago": how far a moment is from now.

@@ -241,13 +241,50 @@ bool isWeak(krb5_enctype enctype)
     }
 }
 
-QString enctypeName(krb5_enctype enctype)
+} // namespace
+
+QString enctypeName(int enctype)
 {
     char name[64] = {};
-    if (krb5_enctype_to_name(enctype, FALSE, name, sizeof name) != 0)
+    if (krb5_enctype_to_name(krb5_enctype(enctype), FALSE, name, sizeof name) != 0)
         return QStringLiteral("enctype %1").arg(enctype);
     return QString::fromLatin1(name);
 }
+
+bool serviceKeys(const QString &path, const QString &service, const QString &host, QList<ServiceKey> *keys,
+                 QString *error)
+{
+    const Krb krb;
+    if (!krb.ok()) {
+        *error = krb.startError();
+        return false;
+    }
+    krb5_keytab keytab = nullptr;
+    krb5_error_code code = krb5_kt_resolve(krb.context(), (QStringLiteral("FILE:") + path).toUtf8().constData(), &keytab);
+    if (code != 0) {
+        *error = QStringLiteral("cannot open the keytab %1: %2").arg(path, krb.message(code));
+        return false;
+    }
+    const Krb::Keytab keytabOwner(keytab, {krb.context()});
+    krb5_kt_cursor cursor;
+    code = krb5_kt_start_seq_get(krb.context(), keytab, &cursor);
+    if (code != 0) {
+        *error = QStringLiteral("%1 is no keytab: %2").arg(path, krb.message(code));
+        return false;
+    }
+    krb5_keytab_entry entry;
+    while (krb5_kt_next_entry(krb.context(), keytab, &entry, &cursor) == 0) {
+        const QString bare = krb.name(entry.principal, KRB5_PRINCIPAL_UNPARSE_NO_REALM);
+        if (bare.section(QLatin1Char('/'), 0, 0) == service
+            && bare.section(QLatin1Char('/'), 1).compare(host, Qt::CaseInsensitive) == 0)
+            *keys << ServiceKey{int(entry.vno), int(entry.key.enctype)};
+        krb5_free_keytab_entry_contents(krb.context(), &entry);
+    }
+    krb5_kt_end_seq_get(krb.context(), keytab, &cursor);
+    return true;
+}
+
+namespace {
 
 QString quoted(const QString &text)
 {
@@ -300,6 +337,67 @@ QString kdcRefusal(const QString &principal)
     const Krb::Creds ticket = freshServiceTicket(krb, cache, *tgt, principal, &code);
     return ticket ? QString() : krb.message(code);
 }
+
+namespace {
+
+// The key version and enctype the KDC encrypts the service's tickets with,
+// read from a fresh ticket for it. False when none can be had.
+bool ticketKey(const QString &principal, int *kvno, int *enctype)
+{
+    const Krb krb;
+    if (!krb.ok())
+        return false;
+    const DefaultCache cache = openDefaultCache(krb);
+    if (!cache.client)
+        return false;
+    krb5_error_code code = 0;
+    const Krb::Creds tgt = ticketGrantingTicket(krb, cache, &code);
+    if (!tgt)
+        return false;
+    const Krb::Creds creds = freshServiceTicket(krb, cache, *tgt, principal, &code);
+    if (!creds)
+        return false;
+    krb5_ticket *ticket = nullptr;
+    if (krb5_decode_ticket(&creds->ticket, &ticket) != 0)
+        return false;
+    *kvno = int(ticket->enc_part.kvno);
+    *enctype = int(ticket->enc_part.enctype);
+    krb5_free_ticket(krb.context(), ticket);
+    return true;
+}
+
+// For an exchange that failed on the service's key: which key the KDC used
+// and what the keytab holds instead; empty when the keytab has that key.
+QString missingKey(const Run &run)
+{
+    const QString serviceClass = run.input.service.section(QLatin1Char('@'), 0, 0);
+    const QString host = run.input.service.section(QLatin1Char('@'), 1);
+    const QString spn = serviceClass + QLatin1Char('/') + host;
+    int kvno = 0;
+    int enctype = 0;
+    QList<ServiceKey> keys;
+    QString error;
+    if (!ticketKey(spn, &kvno, &enctype) || !serviceKeys(run.input.keytab, serviceClass, host, &keys, &error))
+        return QString();
+    bool sameKvno = false;
+    QStringList held;
+    for (const ServiceKey &key : qAsConst(keys)) {
+        if (key.kvno == kvno && key.enctype == enctype)
+            return QString();
+        sameKvno = sameKvno || key.kvno == kvno;
+        const QString item = QStringLiteral("kvno %1 %2").arg(key.kvno).arg(enctypeName(key.enctype));
+        if (!held.contains(item))
+            held << item;
+    }
+    const QString what = sameKvno ? QStringLiteral("no %1 key").arg(enctypeName(enctype))
+                                  : QStringLiteral("no key of kvno %1").arg(kvno);
+    return QStringLiteral("the KDC encrypts tickets for %1 with its kvno %2 %3 key, and the keytab has %4 (it holds %5)")
+        .arg(spn)
+        .arg(kvno)
+        .arg(enctypeName(enctype), what, held.isEmpty() ? QStringLiteral("none for it") : held.join(QLatin1String(", ")));
+}
+
+} // namespace
 
 // ---------------------------------------------------------------- ticket
 
@@ -513,6 +611,16 @@ Outcome checkSso(const Run &run)
         text.replace(QLatin1String("\n\t"), QLatin1String(" / "));
         const QString finding = QStringLiteral("%1 failed%2").arg(QLatin1String(failedStep), text.isEmpty() ? QString() : QStringLiteral(": ") + text);
         QString fix = kerberosFix(text);
+        // A wrong key version, a missing key or enctype: name the key.
+        const QString missing = missingKey(run);
+        if (!missing.isEmpty())
+            return fail(finding + QStringLiteral("; ") + missing,
+                        (fix.isEmpty() ? QStringLiteral("the keytab does not hold the key the KDC uses for the service: "
+                                                        "export it again")
+                                       : fix)
+                            + (run.status(QStringLiteral("service-account")) == Status::Skip
+                                   ? QString()
+                                   : QStringLiteral("; see service-account for the account behind the keytab")));
         if (fix.isEmpty())
             fix = QStringLiteral("run the doctor with KRB5_TRACE=/dev/stderr to see the Kerberos steps");
         return fail(finding, fix);

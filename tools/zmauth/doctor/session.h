@@ -6,6 +6,7 @@
 
 #include "doctor.h"
 
+#include "ldapguards_p.h"
 #include "zmldap.h"
 
 #include <QByteArray>
@@ -15,8 +16,6 @@
 #include <QStringList>
 
 #include <memory>
-
-#include "ldapguards_p.h"
 
 namespace doctor {
 
