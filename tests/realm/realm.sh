@@ -761,10 +761,13 @@ wait_until_ready() {
     done
     [ "$i" -lt 800 ] || { not_ready "the servers did not listen within 20 s"; return 1; }
     # A directory that requires TLS answers only inside it; the certificate
-    # may be one made to fail, so this probe alone does not verify it.
-    local starttls=()
-    [ "$REQUIRE_TLS" = 0 ] || starttls=(-ZZ)
-    LDAPTLS_REQCERT=never ldapwhoami -x "${starttls[@]}" -H "ldap://127.0.0.1:$LDAP_PORT/" >/dev/null 2>"$dir/whoami.err" ||
+    # may be one made to fail, so this probe alone does not verify it (the
+    # TLS setting comes from the environment: LDAPNOINIT is lifted for it,
+    # and no ldap.conf or .ldaprc is read all the same).
+    local probe=(ldapwhoami -x)
+    [ "$REQUIRE_TLS" = 0 ] || probe=(env -u LDAPNOINIT LDAPCONF=/dev/null LDAPRC=.zmauth-no-ldaprc
+                                     LDAPTLS_REQCERT=never ldapwhoami -x -ZZ)
+    "${probe[@]}" -H "ldap://127.0.0.1:$LDAP_PORT/" >/dev/null 2>"$dir/whoami.err" ||
         { not_ready "slapd did not answer whoami: $(cat "$dir/whoami.err")"; return 1; }
     ports_owned || { not_ready "the ports were not the servers' alone after whoami"; return 1; }
 }
