@@ -119,14 +119,19 @@ std::vector<SrvRecord> orderSrv(std::vector<SrvRecord> records)
             quint32 total = 0;
             for (const SrvRecord &r : group)
                 total += quint32(r.weight);
-            const quint32 pick = QRandomGenerator::global()->bounded(total + 1);
-            quint32 running = 0;
             auto chosen = group.begin();
-            for (auto it = group.begin(); it != group.end(); ++it) {
-                running += quint32(it->weight);
-                if (running >= pick) {
-                    chosen = it;
-                    break;
+            if (total == 0) {
+                // No weights at all: spread the load evenly.
+                chosen += QRandomGenerator::global()->bounded(quint32(group.size()));
+            } else {
+                const quint32 pick = QRandomGenerator::global()->bounded(total + 1);
+                quint32 running = 0;
+                for (auto it = group.begin(); it != group.end(); ++it) {
+                    running += quint32(it->weight);
+                    if (running >= pick) {
+                        chosen = it;
+                        break;
+                    }
                 }
             }
             ordered.push_back(*chosen);
