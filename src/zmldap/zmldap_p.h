@@ -2,6 +2,7 @@
 #define ZMLDAP_P_H
 
 #include "zmldap.h"
+#include "ldapguards_p.h"
 #include "records_p.h"
 #include "servers_p.h"
 
@@ -18,42 +19,6 @@
 
 namespace zmldap {
 namespace detail {
-
-// Owners of what libldap hands out.
-struct SessionFree {
-    void operator()(LDAP *ld) const { ldap_unbind_ext(ld, nullptr, nullptr); }
-};
-struct MessageFree {
-    void operator()(LDAPMessage *message) const { ldap_msgfree(message); }
-};
-struct BerFree {
-    // The cursor reads the message's own buffer: free the cursor only.
-    void operator()(BerElement *ber) const { ber_free(ber, 0); }
-};
-struct MemFree {
-    void operator()(char *p) const { ldap_memfree(p); }
-};
-struct ValuesFree {
-    void operator()(berval **values) const { ldap_value_free_len(values); }
-};
-struct ControlFree {
-    void operator()(LDAPControl *control) const { ldap_control_free(control); }
-};
-struct ControlsFree {
-    void operator()(LDAPControl **controls) const { ldap_controls_free(controls); }
-};
-struct BerMemFree {
-    void operator()(void *p) const { ber_memfree(p); }
-};
-using SessionPtr = std::unique_ptr<LDAP, SessionFree>;
-using MessagePtr = std::unique_ptr<LDAPMessage, MessageFree>;
-using BerPtr = std::unique_ptr<BerElement, BerFree>;
-using AttributePtr = std::unique_ptr<char, MemFree>;
-using ValuesPtr = std::unique_ptr<berval *, ValuesFree>;
-using ControlPtr = std::unique_ptr<LDAPControl, ControlFree>;
-using ControlsPtr = std::unique_ptr<LDAPControl *, ControlsFree>;
-using BerMemPtr = std::unique_ptr<char, BerMemFree>;
-using CString = std::unique_ptr<char[]>;
 
 // What a user search asks for when the settings name no filter.
 const QString kDefaultUserFilter = QStringLiteral("(&(objectClass=user)(objectCategory=person))");

@@ -1,5 +1,6 @@
 // "version" and "hash": no server involved.
 #include "cli.h"
+#include "commands.h"
 #include "password.h"
 
 #include "authdata.h"

@@ -39,10 +39,4 @@ bool requireOption(const QCommandLineParser &parser, const QString &command, con
 enum class VerboseRecords { Directory, Kerberos };
 void warnVerbose(VerboseRecords records);
 
-int runVersion(const QStringList &args);
-int runHash(const QStringList &args);
-int runLdap(const QStringList &args);
-int runSso(const QStringList &args);
-int runDoctor(const QStringList &args);
-
 #endif // ZMAUTH_TOOL_CLI_H

@@ -1,5 +1,6 @@
 // "ldap users" and "ldap check": what the system would see of a directory.
 #include "cli.h"
+#include "commands.h"
 #include "inputfiles.h"
 #include "logsink.h"
 

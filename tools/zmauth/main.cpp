@@ -2,8 +2,9 @@
 // the system: preview what a directory import would read, check an account,
 // prove a keytab and service name work for single sign-on, hash a password,
 // and diagnose a whole deployment's settings in one run.
-// It uses only the library's public headers.
+// It calls the library through its public API only.
 #include "cli.h"
+#include "commands.h"
 
 #include <QCoreApplication>
 

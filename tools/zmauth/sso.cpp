@@ -2,6 +2,7 @@
 // prove that a keytab, a service name and an account work together before the
 // system's client and server are pointed at them.
 #include "cli.h"
+#include "commands.h"
 #include "logsink.h"
 #include "password.h"
 #include "ssoexchange.h"

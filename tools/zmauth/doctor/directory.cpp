@@ -2,7 +2,7 @@
 // configured method can bind, and whether the base, the size limit, the field
 // mapping and the logins suit the library's listing and account check.
 #include "doctor.h"
-#include "doctor_ldap.h"
+#include "session.h"
 #include "inputfiles.h"
 #include "logsink.h"
 

@@ -1,4 +1,4 @@
-#include "doctor_ldap.h"
+#include "session.h"
 
 #include <cstring>
 #include <vector>
@@ -8,31 +8,9 @@
 
 namespace doctor {
 
-namespace {
+using namespace zmldap::detail;
 
-struct MessageFree {
-    void operator()(LDAPMessage *message) const { ldap_msgfree(message); }
-};
-struct MemFree {
-    void operator()(char *p) const { ldap_memfree(p); }
-};
-struct BerFree {
-    void operator()(BerElement *ber) const { ber_free(ber, 0); }
-};
-struct ValuesFree {
-    void operator()(berval **values) const { ldap_value_free_len(values); }
-};
-struct ControlFree {
-    void operator()(LDAPControl *control) const { ldap_control_free(control); }
-};
-struct ControlsFree {
-    void operator()(LDAPControl **controls) const { ldap_controls_free(controls); }
-};
-struct ReferralsFree {
-    void operator()(char **referrals) const { ber_memvfree(reinterpret_cast<void **>(referrals)); }
-};
-using MessagePtr = std::unique_ptr<LDAPMessage, MessageFree>;
-using MemPtr = std::unique_ptr<char, MemFree>;
+namespace {
 
 // The SASL answers of the library's own callback: the same strings, from the
 // same record, so that the doctor's session binds as the library's does.
@@ -166,7 +144,7 @@ SearchResult Session::search(const QString &base, int scope, const QString &filt
         attrs.push_back(name.data());
     attrs.push_back(nullptr);
 
-    std::unique_ptr<LDAPControl, ControlFree> page;
+    ControlPtr page;
     LDAPControl *controls[2] = {nullptr, nullptr};
     if (pageSize > 0) {
         berval value{ber_len_t(cookie.size()), const_cast<char *>(cookie.constData())};
@@ -200,10 +178,10 @@ SearchResult Session::search(const QString &base, int scope, const QString &filt
         record.dn = fromUtf8(dn.get());
         BerElement *cursor = nullptr;
         char *attribute = ldap_first_attribute(m_ld.get(), entry, &cursor);
-        const std::unique_ptr<BerElement, BerFree> cursorOwner(cursor);
+        const BerPtr cursorOwner(cursor);
         for (; attribute; attribute = ldap_next_attribute(m_ld.get(), entry, cursor)) {
-            const MemPtr name(attribute);
-            const std::unique_ptr<berval *, ValuesFree> values(ldap_get_values_len(m_ld.get(), entry, attribute));
+            const AttributePtr name(attribute);
+            const ValuesPtr values(ldap_get_values_len(m_ld.get(), entry, attribute));
             QList<QByteArray> &list = record.attributes[QString::fromUtf8(attribute)];
             for (berval **value = values.get(); value && *value; ++value)
                 list << QByteArray((*value)->bv_val, int((*value)->bv_len));
@@ -217,8 +195,8 @@ SearchResult Session::search(const QString &base, int scope, const QString &filt
     LDAPControl **serverControls = nullptr;
     if (ldap_parse_result(m_ld.get(), message, &code, &matched, nullptr, &referrals, &serverControls, 0) == LDAP_SUCCESS) {
         const MemPtr matchedOwner(matched);
-        const std::unique_ptr<char *, ReferralsFree> referralsOwner(referrals);
-        const std::unique_ptr<LDAPControl *, ControlsFree> controlsOwner(serverControls);
+        const BerVectorPtr referralsOwner(referrals);
+        const ControlsPtr controlsOwner(serverControls);
         result.matched = fromUtf8(matched);
         for (char **referral = referrals; referral && *referral; ++referral)
             result.referrals << fromUtf8(*referral);

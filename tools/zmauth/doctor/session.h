@@ -1,8 +1,8 @@
 // The doctor's own LDAP session, for what the library does not offer: the
 // root DSE, counting with and without paging, sampling entries. It opens and
 // binds the way the library does, with the run's timeout on every step.
-#ifndef ZMAUTH_TOOL_DOCTOR_LDAP_H
-#define ZMAUTH_TOOL_DOCTOR_LDAP_H
+#ifndef ZMAUTH_TOOL_DOCTOR_SESSION_H
+#define ZMAUTH_TOOL_DOCTOR_SESSION_H
 
 #include "doctor.h"
 
@@ -16,7 +16,7 @@
 
 #include <memory>
 
-#include <ldap.h>
+#include "ldapguards_p.h"
 
 namespace doctor {
 
@@ -67,11 +67,8 @@ public:
     QString describe(const char *call, int rc) const;
 
 private:
-    struct SessionFree {
-        void operator()(LDAP *ld) const { ldap_unbind_ext(ld, nullptr, nullptr); }
-    };
     const Run &m_run;
-    std::unique_ptr<LDAP, SessionFree> m_ld;
+    zmldap::detail::SessionPtr m_ld;
     std::unique_ptr<LDAPDefaults> m_defaults;
 };
 
@@ -88,4 +85,4 @@ bool isActiveDirectory(const Run &run);
 
 } // namespace doctor
 
-#endif // ZMAUTH_TOOL_DOCTOR_LDAP_H
+#endif // ZMAUTH_TOOL_DOCTOR_SESSION_H
