@@ -99,8 +99,15 @@ int ZMLDAPPrivate::connectToServers()
             servedUri = uri;
             return LDAP_SUCCESS;
         }
-        if (!serverUnreachable(rc))
+        if (!serverUnreachable(rc)) {
+            if (method == 8 && transport != Transport::Plain
+                && (rc == LDAP_STRONG_AUTH_REQUIRED || rc == LDAP_UNWILLING_TO_PERFORM) && call == "ldap_bind_s")
+                qCWarning(ldapc).noquote()
+                    << QString::fromStdString(uri)
+                    << "refuses GSSAPI inside TLS; GSSAPI over plain LDAP is sealed by Kerberos itself,"
+                       " so leave PT_TLS off for this directory";
             break;
+        }
         if (failover)
             noteFailed(servers[i]);
         if (i + 1 == servers.size())
