@@ -26,7 +26,38 @@ const QString PAGE_SIZE = QStringLiteral("PT_PAGE_SIZE");
 // Seconds S: connect() gives up on the TCP connection and on every bind after
 // S seconds, and every search waits at most S seconds (at most 30 in any case).
 const QString TIMEOUT = QStringLiteral("PT_TIMEOUT");
+
+// Several servers. With either of the next two set, connect() tries in turn
+// "PT_HOST" with "PT_PORT" (when the host is not empty), the failover hosts
+// and the servers DNS names for the domain, each once, and stops at the first
+// that binds or at a credential failure. Each try is bounded by the timeout,
+// or by 5 seconds when none is set.
+// Blank-separated host[:port] entries ([v6]:port for IPv6 addresses).
+const QString FAILOVER_HOSTS = QStringLiteral("PT_FAILOVER_HOSTS");
+// DNS domain whose SRV records name the directory servers, looked up at
+// every connect().
+const QString DNS_DOMAIN = QStringLiteral("PT_DOMAIN");
+// Site whose domain controllers are tried before the rest of the domain's.
+const QString SITE = QStringLiteral("PT_SITE");
+
+// Transport: "starttls" or "ldaps" (port 636 unless given); absent, empty,
+// "0" or "none": plain LDAP. The certificate chain and the host name are
+// always verified, TLS 1.2 at least.
+const QString TLS = QStringLiteral("PT_TLS");
+// PEM bundle of the CAs that the server's certificate must chain to; absent:
+// the system's trust store.
+const QString TLS_CA_FILE = QStringLiteral("PT_TLS_CA_FILE");
 } // namespace key
+
+// The server a directory object is bound to and how the session is
+// protected, as ZMLDAP::connection() reports it.
+struct Connection {
+    bool connected = false;  // false: no session; the other members are empty
+    QString uri;             // ldap://host:port or ldaps://host:port
+    QString tlsProtocol;     // e.g. "TLSv1.3"; empty without TLS
+    QString tlsCipher;       // e.g. "TLS_AES_256_GCM_SHA384"; empty without TLS
+    int saslSsf = 0;         // strength of the SASL security layer; 0: none
+};
 
 // A text made safe to use as the value of a search filter's assertion
 // (RFC 4515): *, (, ), \ and NUL become \2a, \28, \29, \5c and \00; every
@@ -91,6 +122,10 @@ public:
     static const QHash<QString, QString> &userDbValues();
     static const QHash<QString, QString> &employeeDbValues();
     static const QHash<QString, QString> &adDefaultValues();
+
+    // The server of the current session and its protection, read from the
+    // session itself.
+    zmldap::Connection connection() const;
 
 private:
     friend class ZMLDAPObjectIteratorPrivate;

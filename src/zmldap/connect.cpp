@@ -86,6 +86,12 @@ ZMLDAPPrivate::ZMLDAPPrivate(const zelmora::ObjectInfo &settings)
 
 int ZMLDAPPrivate::connect()
 {
+    // Several servers or TLS: a path of its own; without those keys the
+    // sequence below is untouched.
+    servedUri.clear();
+    if (zmldap::detail::serverListOn(settings.params))
+        return connectToServers();
+
     // The handle is taken over only once it exists, so a failed initialisation
     // leaves ld as it was.
     LDAP *handle = nullptr;
@@ -251,6 +257,11 @@ const zelmora::ObjectInfo &ZMLDAP::info()
 int ZMLDAP::connect()
 {
     return d->connect();
+}
+
+zmldap::Connection ZMLDAP::connection() const
+{
+    return d->connection();
 }
 
 bool ZMLDAP::checkADUser(const QString &user)

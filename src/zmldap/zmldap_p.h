@@ -4,6 +4,7 @@
 #include "zmldap.h"
 #include "ldapguards_p.h"
 #include "records_p.h"
+#include "servers_p.h"
 
 #include <QHash>
 #include <QList>
@@ -192,6 +193,15 @@ public:
     // Not used by the library; kept for simple binds by DN.
     int bindSimpleLinux(const QString &dn, const QString &password);
 
+    // connect() with several servers or TLS: each server in turn gets the
+    // whole sequence (initialise, options, TLS, bind) until one binds, one
+    // refuses the credentials, or none is left.
+    int connectToServers();
+    // One server's sequence; *call names the step that failed.
+    int tryServer(const zmldap::detail::Server &server, zmldap::detail::Transport transport, int timeout,
+                  int method, std::string *uri, std::string *call);
+    zmldap::Connection connection() const;
+
     bool checkADUser(const QString &user);
     bool getUserList(QList<zelmora::ObjectInfo> &list);
     bool getUserList(QList<zelmora::ObjectInfo> &list, const QHash<QString, QString> &mapping);
@@ -201,6 +211,7 @@ public:
     QString resultObjectType;        // type name of every record produced
     std::string uri;                 // fixed at construction
     LDAPDefaults defaults;           // fixed at construction; its address goes to the SASL library
+    std::string servedUri;           // server-list path: the server that bound; empty otherwise
 };
 
 // One search over a connected directory object, walked entry by entry.

@@ -214,14 +214,13 @@ EOF
 }
 
 # Options that provision drops from --option, and the forwarder it copies
-# from the machine's resolv.conf, fixed in the generated smb.conf. No TLS:
-# the library's sessions are plain LDAP, and making the DC's self-signed key
-# would take several seconds of every start.
+# from the machine's resolv.conf, fixed in the generated smb.conf. TLS stays
+# on (Samba's default): the DC makes its own CA and certificate at its first
+# start (private/tls/ca.pem), for LDAPS and StartTLS.
 finish_smb_conf() {
     local conf=$1
     sed -i -e '/^[[:space:]]*dns forwarder[[:space:]]*=/d' "$conf"
     sed -i -e '/^\[global\]/a\
-\ttls enabled = no\
 \tldap server require strong auth = no\
 \tload printers = no\
 \tprinting = bsd\
@@ -257,7 +256,10 @@ wait_ready() {
             grep -q "^defaultNamingContext: $BASE_DN\$" &&
             KRB5CCNAME=$cc in_ns kinit "$ADMIN_NAME" <<<"$ADMIN_PASSWORD" >/dev/null 2>&1 &&
             KRB5CCNAME=$cc in_ns ldapsearch -Q -LLL -o nettimeout=5 -Y GSSAPI -H "ldap://$DC_HOST/" -s base -b '' \
-                defaultNamingContext >/dev/null 2>&1; then
+                defaultNamingContext >/dev/null 2>&1 &&
+            [ -s "$dir/samba/private/tls/ca.pem" ] &&
+            in_ns env -u LDAPNOINIT LDAPCONF=/dev/null LDAPRC=.zmauth-no-ldaprc LDAPTLS_CACERT="$dir/samba/private/tls/ca.pem" \
+                ldapsearch -x -LLL -o nettimeout=5 -H "ldaps://$DC_HOST/" -s base -b '' defaultNamingContext >/dev/null 2>&1; then
             rm -f "$dir/ccache/ad-start"
             return 0
         fi
@@ -376,6 +378,8 @@ start_ad() {
         env_line AD_DC_HOST "$DC_HOST"
         env_line AD_DC_IP "$DC_IP"
         env_line AD_LDAP_PORT 389
+        env_line AD_LDAPS_PORT 636
+        env_line AD_TLS_CA_FILE "$dir/samba/private/tls/ca.pem"
         env_line AD_BASE_DN "$BASE_DN"
         env_line AD_PEOPLE_DN "$PEOPLE_DN"
         env_line AD_BULK_DN "$BULK_DN"

@@ -148,7 +148,7 @@ private slots:
         const Report r = doctor({QStringLiteral("-s"), settingsFile(QStringLiteral("digest.json"), QStringLiteral("1"))},
                                 cache(QStringLiteral("digest"), false));
         QVERIFY2(r.run.exitCode == 6, describe(r.run));
-        QCOMPARE(r.statuses(), QStringLiteral("PASS PASS SKIP PASS PASS FAIL SKIP SKIP PASS FAIL SKIP SKIP SKIP SKIP SKIP SKIP SKIP"));
+        QCOMPARE(r.statuses(), QStringLiteral("PASS PASS SKIP PASS SKIP SKIP PASS FAIL SKIP SKIP PASS FAIL SKIP SKIP SKIP SKIP SKIP SKIP SKIP"));
         QVERIFY2(r.finding("root-dse").startsWith(QStringLiteral("server: Active Directory (capability 1.2.840.113556.1.4.800)")),
                  qPrintable(r.finding("root-dse")));
         QVERIFY(r.finding("root-dse").contains(QStringLiteral("; SASL mechanisms: GSS-SPNEGO GSSAPI NTLM; paged results: yes; currentTime ")));
@@ -168,12 +168,67 @@ private slots:
         const Report r = doctor({QStringLiteral("-s"), settingsFile(QStringLiteral("anon.json"), QStringLiteral("0"))},
                                 cache(QStringLiteral("anon"), false));
         QVERIFY2(r.run.exitCode == 6, describe(r.run));
-        QCOMPARE(r.statuses(), QStringLiteral("PASS PASS SKIP PASS PASS SKIP FAIL SKIP PASS PASS SKIP SKIP SKIP SKIP SKIP SKIP SKIP"));
+        QCOMPARE(r.statuses(), QStringLiteral("PASS PASS SKIP PASS SKIP SKIP PASS SKIP FAIL SKIP PASS PASS SKIP SKIP SKIP SKIP SKIP SKIP SKIP"));
         QCOMPARE(r.finding("anonymous"), QStringLiteral("the server refuses anonymous searches: ldap_search_ext_s 1 Operations error "
                                                         "(00002020: Operation unavailable without authentication)"));
         QCOMPARE(r.fix("anonymous"), kAnonymousFix);
         for (const char *id : {"base-dn", "size-limit", "mapping", "non-ascii-logins"})
             QCOMPARE(r.reason(id), QStringLiteral("anonymous failed"));
+    }
+
+    // "PT_DOMAIN": the SRV records the DC publishes, its root DSE, and the
+    // server connect() would use.
+    void discoveryNamesTheControllerAndItsAnswer()
+    {
+        const Report r = doctor({QStringLiteral("-s"),
+                                 settingsFile(QStringLiteral("domain.json"), QStringLiteral("8"), value("AD_BASE_DN"),
+                                              QJsonObject{{QStringLiteral("PT_DOMAIN"), value("AD_DNS_DOMAIN")}})},
+                                cache(QStringLiteral("domain"), true));
+        QCOMPARE(r.status("discovery"), QStringLiteral("PASS"));
+        const QString host = value("AD_DC_HOST");
+        const QString finding = r.finding("discovery");
+        QVERIFY2(finding.startsWith(QStringLiteral("SRV _ldap._tcp.dc._msdcs.%1: %2:389 (priority 0, weight 100)")
+                                        .arg(value("AD_DNS_DOMAIN"), host)),
+                 qPrintable(finding));
+        QVERIFY2(finding.contains(QRegularExpression(QStringLiteral("; %1:389: TCP in \\d+ ms, dnsHostName %1, isSynchronized TRUE, "
+                                                                    "currentTime \\d{14}\\.0Z")
+                                                         .arg(QRegularExpression::escape(host)))),
+                 qPrintable(finding));
+        QVERIFY2(finding.endsWith(QStringLiteral("; connect() would use ldap://%1:389").arg(host)), qPrintable(finding));
+    }
+
+    // "PT_TLS": verified with the DC's CA; another CA and the bare address
+    // each fail with their fix.
+    void tlsVerifiesWithTheDcsCaAndNamesEachFailure()
+    {
+        const QJsonObject ldaps{{QStringLiteral("PT_TLS"), QStringLiteral("ldaps")},
+                                {QStringLiteral("PT_PORT"), value("AD_LDAPS_PORT")},
+                                {QStringLiteral("PT_TLS_CA_FILE"), value("AD_TLS_CA_FILE")}};
+        const Report good = doctor({QStringLiteral("-s"), settingsFile(QStringLiteral("tls.json"), QStringLiteral("8"),
+                                                                       value("AD_BASE_DN"), ldaps)},
+                                   cache(QStringLiteral("tls"), true));
+        QCOMPARE(good.status("tls"), QStringLiteral("PASS"));
+        QVERIFY2(good.finding("tls").contains(QStringLiteral("chain verified against %1, host name %2 matches")
+                                                  .arg(value("AD_TLS_CA_FILE"), value("AD_DC_HOST"))),
+                 qPrintable(good.finding("tls")));
+
+        QJsonObject otherCa = ldaps;
+        otherCa.insert(QStringLiteral("PT_TLS_CA_FILE"), QStringLiteral("/etc/ssl/certs/ca-certificates.crt"));
+        const Report wrongCa = doctor({QStringLiteral("-s"), settingsFile(QStringLiteral("tls-ca.json"), QStringLiteral("8"),
+                                                                          value("AD_BASE_DN"), otherCa)},
+                                      cache(QStringLiteral("tls-ca"), false));
+        QCOMPARE(wrongCa.status("tls"), QStringLiteral("FAIL"));
+        QVERIFY2(wrongCa.fix("tls").startsWith(QStringLiteral("set \"PT_TLS_CA_FILE\" to the PEM file of the CA")),
+                 qPrintable(wrongCa.fix("tls")));
+
+        QJsonObject address = ldaps;
+        address.insert(QStringLiteral("PT_HOST"), value("AD_DC_IP"));
+        const Report bare = doctor({QStringLiteral("-s"), settingsFile(QStringLiteral("tls-ip.json"), QStringLiteral("8"),
+                                                                       value("AD_BASE_DN"), address)},
+                                   cache(QStringLiteral("tls-ip"), false));
+        QCOMPARE(bare.status("tls"), QStringLiteral("FAIL"));
+        QVERIFY2(bare.finding("tls").contains(QStringLiteral("the certificate does not name %1").arg(value("AD_DC_IP"))),
+                 qPrintable(bare.finding("tls")));
     }
 
     // What works: method 8 with a ticket. Everything passes but the login
@@ -188,7 +243,7 @@ private slots:
                                  QStringLiteral("--user"), value("AD_USER_NAME")},
                                 cache(QStringLiteral("gssapi"), true));
         QVERIFY2(r.run.exitCode == 0, describe(r.run));
-        QCOMPARE(r.statuses(), QStringLiteral("PASS PASS PASS PASS PASS PASS SKIP PASS PASS PASS PASS PASS PASS WARN PASS PASS PASS"));
+        QCOMPARE(r.statuses(), QStringLiteral("PASS PASS PASS PASS SKIP SKIP PASS PASS SKIP PASS PASS PASS PASS PASS PASS WARN PASS PASS PASS"));
         const QString host = value("AD_DC_HOST");
         const QString ip = value("AD_DC_IP");
         const QString principal = value("AD_USER_NAME") + QLatin1Char('@') + value("AD_REALM");
@@ -197,8 +252,8 @@ private slots:
         QVERIFY2(r.finding("ticket").startsWith(principal + QStringLiteral(" in FILE:")), qPrintable(r.finding("ticket")));
         QVERIFY2(r.finding("clock-skew").contains(QStringLiteral(" the directory server's (root DSE currentTime ")),
                  qPrintable(r.finding("clock-skew")));
-        QCOMPARE(r.finding("bind"), QStringLiteral("connect() returned 0: bound by GSSAPI with the ticket of %1; the account check "
-                                                   "finds \"alice\" (sAMAccountName)").arg(principal));
+        QCOMPARE(r.finding("bind"), QStringLiteral("connect() returned 0: bound by GSSAPI with the ticket of %1; protection: no "
+                                                   "TLS, SASL SSF 256; the account check finds \"alice\" (sAMAccountName)").arg(principal));
         QCOMPARE(r.finding("base-dn"), QStringLiteral("PT_BASE_DN \"%1\" exists and is readable, in the naming context \"%2\"")
                                            .arg(people, value("AD_BASE_DN")));
         // This DC returns every entry unpaged; the fixture's few people are

@@ -3,6 +3,7 @@
 # in one directory and run as plain processes of whoever starts it.
 #
 #   realm.sh start DIR [--bulk N] [--sizelimit N | --size-limit SPEC]
+#                      [--server-cert good|other-name|expired] [--require-tls]
 #   realm.sh stop DIR
 #   realm.sh check-ports DIR
 #
@@ -55,8 +56,12 @@ HOST_FQDN=
 LDAP_PRINCIPALS=()
 KDC_PORT=
 LDAP_PORT=
+LDAPS_PORT=
 KDC_PID=
 SLAPD_PID=
+# Set by the command line.
+SERVER_CERT=good
+REQUIRE_TLS=0
 
 die() { echo "realm.sh: $*" >&2; exit 1; }
 now_ms() { date +%s%3N; }
@@ -64,6 +69,7 @@ now_ms() { date +%s%3N; }
 usage() {
     cat >&2 <<'EOF'
 usage: realm.sh start DIR [--bulk N] [--sizelimit N | --size-limit SPEC]
+                          [--server-cert good|other-name|expired] [--require-tls]
        realm.sh stop DIR
        realm.sh check-ports DIR
 EOF
@@ -326,7 +332,9 @@ write_kerberos_conf() {
 }
 
 write_slapd_conf() {
-    local dir=$1 sizelimit=$2
+    local dir=$1 sizelimit=$2 require_tls=$3 security=
+    # A directory that takes no operation outside TLS.
+    [ "$require_tls" = 0 ] || security="security    tls=1"
     cat >"$dir/slapd.conf" <<EOF
 # slapd configuration of the throwaway realm (generated).
 include     /etc/ldap/schema/core.schema
@@ -340,6 +348,13 @@ moduleload  back_mdb
 
 # slapd stops at 500 entries by default; a domain controller answers 1000.
 sizelimit   $sizelimit
+
+# StartTLS on the ldap:// listener and the ldaps:// listener, with the
+# realm's own CA (tls/).
+TLSCACertificateFile    "$dir/tls/ca.pem"
+TLSCertificateFile      "$dir/tls/server.pem"
+TLSCertificateKeyFile   "$dir/tls/server.key"
+$security
 
 # SASL identities become directory entries by login name, whatever realm the
 # client named: DIGEST-MD5 then checks the digest against the entry's
@@ -529,6 +544,67 @@ write_bulk_ldif() {
     }'
 }
 
+# ---------------------------------------------------------------- certificates
+
+# openssl ca's configuration: it signs with the realm's CA, copies the names
+# from the request and takes the validity dates it is given.
+write_ca_conf() {
+    local tls=$1
+    cat >"$tls/ca.cnf" <<EOF
+[ ca ]
+default_ca = realm_ca
+[ realm_ca ]
+database = $tls/index.txt
+new_certs_dir = $tls/issued
+serial = $tls/serial
+certificate = $tls/ca.pem
+private_key = $tls/ca.key
+default_md = sha256
+policy = any_name
+copy_extensions = copy
+unique_subject = no
+[ any_name ]
+commonName = supplied
+EOF
+}
+
+# A CA of its own: KEY and self-signed PEM certificate.
+make_ca() {
+    local tls=$1 name=$2 cn=$3
+    openssl req -x509 -new -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes \
+        -keyout "$tls/$name.key" -out "$tls/$name.pem" -days 30 -subj "/CN=$cn" \
+        -addext basicConstraints=critical,CA:TRUE -addext keyUsage=critical,keyCertSign,cRLSign
+}
+
+# DIR/tls: the realm's CA (ca.pem), a CA that signed nothing of this realm
+# (other-ca.pem), and slapd's certificate (server.pem, server.key) of the
+# kind asked for: good (127.0.0.1, localhost and the host names, valid now),
+# other-name (only a name nothing connects to) or expired (the good names,
+# valid only in the past).
+make_certificates() {
+    local dir=$1 kind=$2 tls=$1/tls names dates=()
+    mkdir -p "$tls/issued"
+    : >"$tls/index.txt"
+    echo 01 >"$tls/serial"
+    write_ca_conf "$tls"
+    {
+        make_ca "$tls" ca "zmauth realm CA"
+        make_ca "$tls" other-ca "zmauth unrelated CA"
+        names="IP:127.0.0.1,DNS:localhost,DNS:$HOST_SHORT"
+        [ "$HOST_FQDN" = "$HOST_SHORT" ] || names="$names,DNS:$HOST_FQDN"
+        case $kind in
+        good) dates=(-days 30) ;;
+        other-name) names="DNS:elsewhere.zmauth.invalid"; dates=(-days 30) ;;
+        expired) dates=(-startdate 20200101000000Z -enddate 20200201000000Z) ;;
+        esac
+        openssl req -new -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes \
+            -keyout "$tls/server.key" -out "$tls/server.csr" -subj "/CN=zmauth realm slapd" \
+            -addext "subjectAltName=$names" -addext extendedKeyUsage=serverAuth
+        openssl ca -batch -notext -config "$tls/ca.cnf" "${dates[@]}" \
+            -in "$tls/server.csr" -out "$tls/server.pem"
+    } >"$dir/openssl.log" 2>&1 || { cat "$dir/openssl.log" >&2; die "making the certificates failed"; }
+}
+
 # ---------------------------------------------------------------- start, step by step
 
 # Makes DIR an empty realm directory and prints its physical path. A realm
@@ -586,9 +662,9 @@ use_realm_environment() {
 # Configuration for the database tools; the servers' ports are written when
 # they are chosen.
 write_config_files() {
-    local dir=$1 sizelimit=$2
+    local dir=$1 sizelimit=$2 require_tls=$3
     write_kerberos_conf "$dir" 88
-    write_slapd_conf "$dir" "$sizelimit"
+    write_slapd_conf "$dir" "$sizelimit" "$require_tls"
     : >"$dir/krb5kdc/kadm5.acl"
 }
 
@@ -655,16 +731,17 @@ start_kdc() {
 start_slapd() {
     local dir=$1
     KRB5_CONFIG=$dir/slapd-krb5.conf KRB5_KTNAME=FILE:$dir/ldap.keytab \
-        setsid slapd -d 256 -f "$dir/slapd.conf" -h "ldap://127.0.0.1:$LDAP_PORT/" \
+        setsid slapd -d 256 -f "$dir/slapd.conf" -h "ldap://127.0.0.1:$LDAP_PORT/ ldaps://127.0.0.1:$LDAPS_PORT/" \
         </dev/null >"$dir/slapd.log" 2>&1 9>&- &
     SLAPD_PID=$!
     echo "slapd $SLAPD_PID" >>"$dir/realm.pids"
 }
 
 # Both servers hold their ports alone: the KDC a UDP and a TCP socket, slapd
-# one TCP socket.
+# one TCP socket on each of its two ports.
 ports_owned() {
-    port_owned_by "$KDC_PORT" "$KDC_PID" 2 && port_owned_by "$LDAP_PORT" "$SLAPD_PID" 1
+    port_owned_by "$KDC_PORT" "$KDC_PID" 2 && port_owned_by "$LDAP_PORT" "$SLAPD_PID" 1 &&
+        port_owned_by "$LDAPS_PORT" "$SLAPD_PID" 1
 }
 
 # True once both servers listen on their ports, alone, and slapd answers an
@@ -678,11 +755,19 @@ wait_until_ready() {
         is_ours "$SLAPD_PID" "$dir" || { not_ready "slapd (pid $SLAPD_PID) ended"; return 1; }
         ! port_shared "$KDC_PORT" "$KDC_PID" || { not_ready "another process listens on port $KDC_PORT"; return 1; }
         ! port_shared "$LDAP_PORT" "$SLAPD_PID" || { not_ready "another process listens on port $LDAP_PORT"; return 1; }
+        ! port_shared "$LDAPS_PORT" "$SLAPD_PID" || { not_ready "another process listens on port $LDAPS_PORT"; return 1; }
         ports_owned && break
         sleep 0.025
     done
     [ "$i" -lt 800 ] || { not_ready "the servers did not listen within 20 s"; return 1; }
-    ldapwhoami -x -H "ldap://127.0.0.1:$LDAP_PORT/" >/dev/null 2>"$dir/whoami.err" ||
+    # A directory that requires TLS answers only inside it; the certificate
+    # may be one made to fail, so this probe alone does not verify it (the
+    # TLS setting comes from the environment: LDAPNOINIT is lifted for it,
+    # and no ldap.conf or .ldaprc is read all the same).
+    local probe=(ldapwhoami -x)
+    [ "$REQUIRE_TLS" = 0 ] || probe=(env -u LDAPNOINIT LDAPCONF=/dev/null LDAPRC=.zmauth-no-ldaprc
+                                     LDAPTLS_REQCERT=never ldapwhoami -x -ZZ)
+    "${probe[@]}" -H "ldap://127.0.0.1:$LDAP_PORT/" >/dev/null 2>"$dir/whoami.err" ||
         { not_ready "slapd did not answer whoami: $(cat "$dir/whoami.err")"; return 1; }
     ports_owned || { not_ready "the ports were not the servers' alone after whoami"; return 1; }
 }
@@ -711,12 +796,13 @@ start_servers() {
     for attempt in 1 2 3 4 5; do
         KDC_PORT=$(random_port)
         LDAP_PORT=$(random_port)
+        LDAPS_PORT=$(random_port)
         # Test hook: the first attempt takes these ports even if they are
         # busy, to imitate another server binding them at the same moment.
         if [ $attempt = 1 ] && [ -n "${ZMAUTH_REALM_FIRST_PORTS:-}" ]; then
             read -r KDC_PORT LDAP_PORT <<<"$ZMAUTH_REALM_FIRST_PORTS"
         fi
-        [ "$KDC_PORT" != "$LDAP_PORT" ] || continue
+        [ "$KDC_PORT" != "$LDAP_PORT" ] && [ "$LDAPS_PORT" != "$KDC_PORT" ] && [ "$LDAPS_PORT" != "$LDAP_PORT" ] || continue
         write_kerberos_conf "$dir" "$KDC_PORT"
         start_kdc "$dir"
         start_slapd "$dir"
@@ -749,6 +835,12 @@ write_realm_env() {
         env_line LDAP_HOST 127.0.0.1
         env_line LDAP_PORT "$LDAP_PORT"
         env_line LDAP_URI "ldap://127.0.0.1:$LDAP_PORT/"
+        env_line LDAPS_PORT "$LDAPS_PORT"
+        env_line LDAPS_URI "ldaps://127.0.0.1:$LDAPS_PORT/"
+        env_line TLS_CA_FILE "$dir/tls/ca.pem"
+        env_line OTHER_CA_FILE "$dir/tls/other-ca.pem"
+        env_line SERVER_CERT "$SERVER_CERT"
+        env_line REQUIRE_TLS "$REQUIRE_TLS"
         env_line BASE_DN "$BASE_DN"
         env_line USERS_DN "$USERS_DN"
         env_line STAFF_DN "$STAFF_DN"
@@ -784,7 +876,8 @@ start_realm() {
     dir=$(prepare_dir "$dir")
     find_host_names
     use_realm_environment "$dir"
-    write_config_files "$dir" "$sizelimit"
+    write_config_files "$dir" "$sizelimit" "$REQUIRE_TLS"
+    make_certificates "$dir" "$SERVER_CERT"
     create_kdc_database "$dir"
     add_principals_and_keytabs "$dir"
     load_directory "$dir" "$bulk"
@@ -838,6 +931,8 @@ main() {
             --size-limit)
                 [ $# -ge 2 ] && [[ $2 =~ ^$SIZE_WORD(\ +$SIZE_WORD)*$ ]] || usage
                 sizelimit=$2; shift 2 ;;
+            --server-cert) [ $# -ge 2 ] && [[ $2 =~ ^(good|other-name|expired)$ ]] || usage; SERVER_CERT=$2; shift 2 ;;
+            --require-tls) REQUIRE_TLS=1; shift ;;
             *) usage ;;
             esac
         done

@@ -34,7 +34,8 @@ struct DirectoryOptions {
                                 QStringLiteral("Directory settings: a JSON object of the system's setting keys "
                                                "(PT_HOST, PT_PORT, PT_METHOD, PT_USER, PT_USER_PASSWORD, PT_BASE_DN, "
                                                "PT_USER_FILTER, PT_USER_ID_PARAMETER, PT_USER_CUSTOM_FIELDS_PARAMETER, "
-                                               "PT_PAGE_SIZE, PT_TIMEOUT) with text values."),
+                                               "PT_PAGE_SIZE, PT_TIMEOUT, PT_DOMAIN, PT_SITE, PT_FAILOVER_HOSTS, PT_TLS, "
+                                               "PT_TLS_CA_FILE) with text values."),
                                 QStringLiteral("FILE")};
     QCommandLineOption pageSize{QStringList{QStringLiteral("page-size")},
                                 QStringLiteral("Entries per page of the user listing (PT_PAGE_SIZE). Default: the "
@@ -47,6 +48,25 @@ struct DirectoryOptions {
                                               "bind and each search give up after that long. Default: the settings' "
                                               "PT_TIMEOUT, else no timeout (searches: 30 seconds). 0: no timeout."),
                                QStringLiteral("S")};
+    QCommandLineOption domain{QStringList{QStringLiteral("domain")},
+                              QStringLiteral("DNS domain whose SRV records name its directory servers (PT_DOMAIN), "
+                                             "tried after --failover's."),
+                              QStringLiteral("DOMAIN")};
+    QCommandLineOption site{QStringList{QStringLiteral("site")},
+                            QStringLiteral("Site whose domain controllers are tried first (PT_SITE)."),
+                            QStringLiteral("SITE")};
+    QCommandLineOption failover{QStringList{QStringLiteral("failover")},
+                                QStringLiteral("Blank-separated servers tried in turn after PT_HOST "
+                                               "(PT_FAILOVER_HOSTS), e.g. \"dc2.example.com dc3.example.com:3268\"."),
+                                QStringLiteral("HOST[:PORT] ...")};
+    QCommandLineOption tls{QStringList{QStringLiteral("tls")},
+                           QStringLiteral("Transport (PT_TLS): starttls, ldaps (port 636 unless given) or none. The "
+                                          "certificate and host name are always verified."),
+                           QStringLiteral("starttls|ldaps|none")};
+    QCommandLineOption caFile{QStringList{QStringLiteral("ca-file")},
+                              QStringLiteral("PEM bundle of the CAs the server certificate must chain to "
+                                             "(PT_TLS_CA_FILE). Default: the system's trust store."),
+                              QStringLiteral("FILE")};
     QCommandLineOption verbose{QStringList{QStringLiteral("v"), QStringLiteral("verbose")},
                                QStringLiteral("Show the library's debug records on standard error. "
                                               "They include the bind password.")};
@@ -56,6 +76,8 @@ struct DirectoryOptions {
         parser.addOption(settings);
         parser.addOption(pageSize);
         parser.addOption(timeout);
+        for (const QCommandLineOption *option : {&domain, &site, &failover, &tls, &caFile})
+            parser.addOption(*option);
         parser.addOption(verbose);
     }
 
@@ -72,6 +94,13 @@ struct DirectoryOptions {
                 return false;
             }
         }
+        if (parser.isSet(tls)
+            && !QStringList{QStringLiteral("starttls"), QStringLiteral("ldaps"), QStringLiteral("none")}.contains(
+                parser.value(tls))) {
+            printError(command, QStringLiteral("--tls takes starttls, ldaps or none, not '%1'").arg(parser.value(tls)));
+            std::fprintf(stderr, "Try 'zmauth %s --help'.\n", qPrintable(command));
+            return false;
+        }
         QString error;
         if (!loadSettings(parser.value(settings), out, &error)) {
             printError(command, error);
@@ -83,9 +112,34 @@ struct DirectoryOptions {
             out.params.insert(zmldap::key::PAGE_SIZE, QLatin1String(kDefaultPageSize));
         if (parser.isSet(timeout))
             out.params.insert(zmldap::key::TIMEOUT, parser.value(timeout));
+        const QList<QPair<const QCommandLineOption *, QString>> keys{
+            {&domain, zmldap::key::DNS_DOMAIN}, {&site, zmldap::key::SITE},
+            {&failover, zmldap::key::FAILOVER_HOSTS}, {&tls, zmldap::key::TLS}, {&caFile, zmldap::key::TLS_CA_FILE}};
+        for (const auto &key : keys)
+            if (parser.isSet(*key.first))
+                out.params.insert(key.second, parser.value(*key.first));
         return true;
     }
 };
+
+// Whether the settings ask for several servers or TLS: then the tool says
+// which server served and how the session is protected.
+bool serverChoiceAsked(const QHash<QString, QString> &params)
+{
+    for (const QString &key : {zmldap::key::FAILOVER_HOSTS, zmldap::key::DNS_DOMAIN})
+        if (!params.value(key).trimmed().isEmpty())
+            return true;
+    const QString transport = params.value(zmldap::key::TLS).trimmed().toLower();
+    return transport == QLatin1String("starttls") || transport == QLatin1String("ldaps");
+}
+
+// "served by ldaps://dc1.example.com:636 (TLS1.3 AES-256-GCM, SASL SSF 0)"
+QString servedBy(const zmldap::Connection &c)
+{
+    const QString tlsText = c.tlsProtocol.isEmpty() ? QStringLiteral("no TLS")
+                                                    : (c.tlsProtocol + QLatin1Char(' ') + c.tlsCipher).trimmed();
+    return QStringLiteral("served by %1 (%2, SASL SSF %3)").arg(c.uri, tlsText).arg(c.saslSsf);
+}
 
 // Builds the directory object and connects. On failure prints the library's
 // own critical record and returns the exit code; otherwise -1.
@@ -98,8 +152,11 @@ int connectDirectory(ZMLDAP &directory, const QString &command, bool verbose)
     LogSink::install(verbose);
     LogSink::clear();
     const int rc = directory.connect();
-    if (rc == 0)
+    if (rc == 0) {
+        if (serverChoiceAsked(directory.info().params))
+            std::fprintf(stderr, "zmauth %s: %s\n", qPrintable(command), qPrintable(servedBy(directory.connection())));
         return -1;
+    }
     QString reason = LogSink::lastCritical(ldapCategory());
     if (reason.isEmpty()) // ldap_initialize refused the address: the library logs that at debug only
         reason = QStringLiteral("the LDAP library refused to open a session to the configured host and port (result %1)").arg(rc);
@@ -366,8 +423,11 @@ int runCheck(const QStringList &args)
 
 const char *const kLdapUsage =
     "Usage: zmauth ldap users --settings FILE [--mapping FILE] [--format table|json] [--page-size N]\n"
-    "                         [--timeout S] [--verbose]\n"
-    "       zmauth ldap check NAME --settings FILE [--raw] [--page-size N] [--timeout S] [--verbose]\n"
+    "                         [--timeout S] [SERVERS] [--verbose]\n"
+    "       zmauth ldap check NAME --settings FILE [--raw] [--page-size N] [--timeout S] [SERVERS] [--verbose]\n"
+    "\n"
+    "  SERVERS: [--domain DOMAIN [--site SITE]] [--failover \"HOST[:PORT] ...\"]\n"
+    "           [--tls starttls|ldaps|none] [--ca-file FILE]\n"
     "\n"
     "  users  the user records a directory import would read, with the field mapping applied\n"
     "  check  whether the directory holds the account NAME\n"

@@ -7,6 +7,7 @@
 #include "inputfiles.h"
 #include "logsink.h"
 #include "session.h"
+#include "zmldap.h"
 
 #include <QElapsedTimer>
 #include <QFileInfo>
@@ -168,6 +169,23 @@ QString needsBase(const Run &run)
     return why;
 }
 
+QString needsDomain(const Run &run)
+{
+    QString why = needsSettings(run);
+    if (why.isEmpty() && run.setting(zmldap::key::DNS_DOMAIN).trimmed().isEmpty())
+        why = QStringLiteral("no PT_DOMAIN");
+    return why;
+}
+
+QString needsTls(const Run &run)
+{
+    QString why = needsSettings(run);
+    const QString transport = run.setting(zmldap::key::TLS).trimmed().toLower();
+    if (why.isEmpty() && transport != QLatin1String("starttls") && transport != QLatin1String("ldaps"))
+        why = QStringLiteral("PT_TLS is off");
+    return why;
+}
+
 QString needsKeytab(const Run &run)
 {
     return run.input.keytab.isEmpty() ? QStringLiteral("no --keytab") : QString();
@@ -199,6 +217,8 @@ const Check kChecks[] = {
     {"dns", needsSettings, checkDns, "the resolver"},
     {"reverse-dns", needsReverseDns, checkReverseDns, "the resolver"},
     {"tcp", needsDns, checkTcp, "PT_HOST:PT_PORT"},
+    {"discovery", needsDomain, checkDiscovery, "the resolver and the domain controllers"},
+    {"tls", needsTls, checkTls, "the directory server"},
     {"root-dse", needsTcp, checkRootDse, "the directory server"},
     {"sasl-mechanism", needsMechanismList, checkSaslMechanism, "the directory server"},
     {"anonymous", needsAnonymousMethod, checkAnonymous, "the directory server"},
@@ -406,31 +426,38 @@ const char *const kDescription =
     "   3 reverse-dns       (PT_METHOD 8) the address resolves back to a name that resolves to\n"
     "                       it: GSSAPI asks the KDC for ldap/<that name>\n"
     "   4 tcp               a TCP connection to PT_HOST:PT_PORT\n"
-    "   5 root-dse          an anonymous read of the root DSE: naming contexts, SASL mechanisms,\n"
+    "   5 discovery         (PT_DOMAIN) the SRV records of the site, the domain and the\n"
+    "                       fallback; each server's TCP connect time and root DSE (dnsHostName,\n"
+    "                       isSynchronized, currentTime); the server connect() would use; WARN\n"
+    "                       for each that does not answer, FAIL when none does\n"
+    "   6 tls               (PT_TLS) handshake, chain against PT_TLS_CA_FILE, host name,\n"
+    "                       protocol, days until the certificate expires (WARN under 30)\n"
+    "   7 root-dse          an anonymous read of the root DSE: naming contexts, SASL mechanisms,\n"
     "                       paged results, and whether the server is Active Directory\n"
-    "   6 sasl-mechanism    the server offers the mechanism of PT_METHOD\n"
-    "   7 anonymous         (PT_METHOD 0) an anonymous client may search PT_BASE_DN\n"
-    "   8 ticket            (PT_METHOD 8 or --keytab) a ticket-granting ticket in the default\n"
+    "   8 sasl-mechanism    the server offers the mechanism of PT_METHOD\n"
+    "   9 anonymous         (PT_METHOD 0) an anonymous client may search PT_BASE_DN\n"
+    "  10 ticket            (PT_METHOD 8 or --keytab) a ticket-granting ticket in the default\n"
     "                       credential cache (KRB5CCNAME): client, realm, expiry\n"
-    "   9 clock-skew        the local clock against the server's: the root DSE's currentTime,\n"
+    "  11 clock-skew        the local clock against the server's: the root DSE's currentTime,\n"
     "                       else the KDC's; WARN above 60 s, FAIL above 300 s\n"
-    "  10 bind              the library's connect() with the settings, its result explained;\n"
-    "                       with --user, the library's account check for LOGIN\n"
-    "  11 base-dn           PT_BASE_DN exists, is readable and lies under a naming context\n"
-    "  12 size-limit        an unpaged count of the user entries against a paged one; FAIL when\n"
+    "  12 bind              the library's connect() with the settings, its result explained;\n"
+    "                       the protection reached (TLS, SASL SSF), WARN when a bind leaves\n"
+    "                       the data in clear; with --user, the library's account check for LOGIN\n"
+    "  13 base-dn           PT_BASE_DN exists, is readable and lies under a naming context\n"
+    "  14 size-limit        an unpaged count of the user entries against a paged one; FAIL when\n"
     "                       the server caps unpaged searches and PT_PAGE_SIZE is not set\n"
-    "  13 mapping           every attribute of the field mapping (--mapping, else\n"
+    "  15 mapping           every attribute of the field mapping (--mapping, else\n"
     "                       PT_USER_CUSTOM_FIELDS_PARAMETER) occurs on a sample of 100 user\n"
     "                       entries, with the same case; every field code is in the catalogues\n"
-    "  14 non-ascii-logins  every user entry's login (PT_USER_ID_PARAMETER, else sAMAccountName),\n"
+    "  16 non-ascii-logins  every user entry's login (PT_USER_ID_PARAMETER, else sAMAccountName),\n"
     "                       read in pages: those outside ASCII, which the library's account\n"
     "                       check cannot find\n"
-    "  15 keytab            (--keytab) readable, holds keys for --service, their enctypes\n"
-    "  16 service-account   (--keytab, Active Directory) the accounts that hold --service's\n"
+    "  17 keytab            (--keytab) readable, holds keys for --service, their enctypes\n"
+    "  18 service-account   (--keytab, Active Directory) the accounts that hold --service's\n"
     "                       principal name (or its sPNMappings alias, HOST/ for http), their\n"
     "                       msDS-KeyVersionNumber and msDS-SupportedEncryptionTypes against\n"
     "                       the keytab's kvno and enctypes\n"
-    "  17 sso               (--keytab and a ticket) a whole single sign-on exchange through the\n"
+    "  19 sso               (--keytab and a ticket) a whole single sign-on exchange through the\n"
     "                       library in this process, and the login it maps to\n"
     "\n"
     "Each check runs in a process of its own that is ended after --timeout seconds, and the\n"

@@ -339,16 +339,34 @@ Outcome checkBind(const Run &run)
                       .arg(run.facts.value(QStringLiteral("ticketClient")).toString());
         break;
     }
-    const QJsonObject facts{{QStringLiteral("bound"), true}};
+    // The protection the session reached: a bind without TLS and without a
+    // SASL layer leaves the directory's data (and DIGEST-MD5's exchange) open
+    // on the network.
+    const zmldap::Connection connection = directory.connection();
+    finding += QStringLiteral("; protection: %1, SASL SSF %2")
+                   .arg(connection.tlsProtocol.isEmpty() ? QStringLiteral("no TLS")
+                                                         : connection.tlsProtocol + QLatin1Char(' ') + connection.tlsCipher)
+                   .arg(connection.saslSsf);
+    const QJsonObject facts{{QStringLiteral("bound"), true}, {QStringLiteral("saslSsf"), connection.saslSsf},
+                            {QStringLiteral("tlsProtocol"), connection.tlsProtocol}};
+    const bool inClear = run.method() != 0 && connection.tlsProtocol.isEmpty() && connection.saslSsf == 0;
+    auto passUnlessInClear = [&](const QString &text) {
+        if (!inClear)
+            return pass(text, facts);
+        return warn(text + QStringLiteral("; directory data cross the network in clear"),
+                    QStringLiteral("set \"PT_TLS\" to starttls (or ldaps) with \"PT_TLS_CA_FILE\", or use \"PT_METHOD\" 8, "
+                                   "which Kerberos seals"),
+                    facts);
+    };
     const QString user = run.input.user;
     if (user.isEmpty())
-        return pass(finding, facts);
+        return passUnlessInClear(finding);
 
     LogSink::clear();
     const bool found = directory.checkADUser(zmldap::escapeFilterValue(user));
     const QString attribute = loginAttribute(run);
     if (found)
-        return pass(finding + QStringLiteral("; the account check finds %1 (%2)").arg(quoted(user), attribute), facts);
+        return passUnlessInClear(finding + QStringLiteral("; the account check finds %1 (%2)").arg(quoted(user), attribute));
     const QString record = libraryRecord();
     if (!isAscii(user))
         return warn(finding + QStringLiteral("; the account check cannot find %1: %2").arg(quoted(user), record),

@@ -108,6 +108,8 @@ Outcome checkSettings(const Run &run);
 Outcome checkDns(const Run &run);
 Outcome checkReverseDns(const Run &run);
 Outcome checkTcp(const Run &run);
+Outcome checkDiscovery(const Run &run);
+Outcome checkTls(const Run &run);
 
 Outcome checkRootDse(const Run &run);
 Outcome checkSaslMechanism(const Run &run);

@@ -68,8 +68,12 @@ Session::~Session() = default;
 
 bool Session::open(QString *error)
 {
-    // The library's URI: host and port as the settings hold them.
-    const QByteArray uri = "ldap://" + m_run.host().toUtf8() + ':'
+    // The library's URI: host and port as the settings hold them; with
+    // "PT_TLS" the session is protected as the library's is.
+    const QString transport = m_run.setting(zmldap::key::TLS).trimmed().toLower();
+    const bool ldaps = transport == QLatin1String("ldaps");
+    const bool starttls = transport == QLatin1String("starttls");
+    const QByteArray uri = (ldaps ? "ldaps://" : "ldap://") + m_run.host().toUtf8() + ':'
         + QByteArray::number(quint16(m_run.setting(db::system::ldap::PORT).toUInt()));
     LDAP *ld = nullptr;
     const int rc = ldap_initialize(&ld, uri.constData());
@@ -86,6 +90,29 @@ bool Session::open(QString *error)
     const timeval limit{seconds, 0};
     ldap_set_option(ld, LDAP_OPT_NETWORK_TIMEOUT, &limit);
     ldap_set_option(ld, LDAP_OPT_TIMEOUT, &limit);
+    if (ldaps || starttls) {
+        const int demand = LDAP_OPT_X_TLS_HARD;
+        ldap_set_option(ld, LDAP_OPT_X_TLS_REQUIRE_CERT, &demand);
+        const int minimum = LDAP_OPT_X_TLS_PROTOCOL_TLS1_2;
+        ldap_set_option(ld, LDAP_OPT_X_TLS_PROTOCOL_MIN, &minimum);
+        const QByteArray caFile = m_run.setting(zmldap::key::TLS_CA_FILE).toLocal8Bit();
+        if (!caFile.isEmpty())
+            ldap_set_option(ld, LDAP_OPT_X_TLS_CACERTFILE, caFile.constData());
+        const int clientContext = 0;
+        ldap_set_option(ld, LDAP_OPT_X_TLS_NEWCTX, &clientContext);
+        if (m_run.method() == 8) {
+            ldap_set_option(ld, LDAP_OPT_X_SASL_SECPROPS, "maxssf=0");
+            const int binding = LDAP_OPT_X_SASL_CBINDING_TLS_ENDPOINT;
+            ldap_set_option(ld, LDAP_OPT_X_SASL_CBINDING, &binding);
+        }
+    }
+    if (starttls) {
+        const int tlsRc = ldap_start_tls_s(ld, nullptr, nullptr);
+        if (tlsRc != LDAP_SUCCESS) {
+            *error = describe("ldap_start_tls_s", tlsRc);
+            return false;
+        }
+    }
     return true;
 }
 

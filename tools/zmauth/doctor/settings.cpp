@@ -15,7 +15,9 @@ QStringList knownSettingKeys()
     using namespace db::system::ldap;
     return {NAME, HOST, PORT, USER, USER_PASSWORD, AUTH_METHOD, BASE_DN, USER_FILTER, USER_ID_PARAMETER,
             USER_CUSTOM_FIELDS_PARAMETER, EMPLOYEE_CUSTOM_FIELDS_PARAMETER, DEFAULT_USER_ROLE_TEMPLATE,
-            DEFAULT_USER_IDENT_TYPE, SPN, ENABLE_SSO, zmldap::key::PAGE_SIZE, zmldap::key::TIMEOUT};
+            DEFAULT_USER_IDENT_TYPE, SPN, ENABLE_SSO, zmldap::key::PAGE_SIZE, zmldap::key::TIMEOUT,
+            zmldap::key::FAILOVER_HOSTS, zmldap::key::DNS_DOMAIN, zmldap::key::SITE, zmldap::key::TLS,
+            zmldap::key::TLS_CA_FILE};
 }
 
 namespace {
