@@ -158,7 +158,7 @@ printf 'wrong\n' | zmauth sso --user "$USER_NAME" --realm "$KRB5_REALM" --target
 say "(exit status $status)"
 
 section "Doctor"
-say "zmauth doctor runs seventeen checks over a deployment's settings, in order, each with"
+say "zmauth doctor runs nineteen checks over a deployment's settings, in order, each with"
 say "what it found and, when something is wrong, what to change. gssapi.json binds by"
 say "GSSAPI (PT_METHOD 8) with alice's ticket, as against a domain controller:"
 cat > gssapi.json <<JSON
