@@ -34,6 +34,9 @@ mkdir -p "$build/abi"
 abidw --headers-dir "$root/include" --headers-dir "$root/common" --drop-private-types \
     --no-show-locs --no-corpus-path --no-comp-dir-path \
     --out-file "$current" "$lib"
+# The translation units keep their names relative to the tree, not where
+# this clone happens to lie.
+sed -i -E "s|path='[^']*/(src/[^']*)'|path='\\1'|" "$current"
 
 if [ "${2:-}" = --update ]; then
     cp "$current" "$baseline"
