@@ -54,8 +54,8 @@ const QString TLS_CA_FILE = QStringLiteral("PT_TLS_CA_FILE");
 struct Connection {
     bool connected = false;  // false: no session; the other members are empty
     QString uri;             // ldap://host:port or ldaps://host:port
-    QString tlsProtocol;     // e.g. "TLSv1.3"; empty without TLS
-    QString tlsCipher;       // e.g. "TLS_AES_256_GCM_SHA384"; empty without TLS
+    QString tlsProtocol;     // as libldap names it, e.g. "TLS1.3"; empty without TLS
+    QString tlsCipher;       // as libldap names it, e.g. "AES-256-GCM"; empty without TLS
     int saslSsf = 0;         // strength of the SASL security layer; 0: none
 };
 
