@@ -4,7 +4,8 @@
 #   bash tools/run.sh test              build and run the whole test suite with ctest
 # and, for CI and developers:
 #   bash tools/run.sh test --sanitize   the same suite built with AddressSanitizer and UBSan
-#   bash tools/run.sh test --valgrind   the plain build's suite under valgrind memcheck (long runs shortened)
+#   bash tools/run.sh test --valgrind [CTEST ARGS]   the plain build's suite under valgrind memcheck (long runs
+#                                       shortened); CI leaves out the doctor's tests with -LE doctor
 #   bash tools/run.sh test --tsan       the threaded tests (label threads) built with ThreadSanitizer
 #   bash tools/run.sh bench [--smoke] [ldap|kerberos|threads]   the benchmarks (bench/README.md)
 #   bash tools/run.sh consumer          install into a temporary prefix and build a consumer against it
@@ -42,8 +43,8 @@ build() {
 }
 
 run_tests() {
-    local dir=$1
-    ctest --test-dir "$dir" --output-on-failure -j "$jobs"
+    local dir=$1; shift
+    ctest --test-dir "$dir" --output-on-failure -j "$jobs" "$@"
 }
 
 cmd=${1:-}
@@ -100,6 +101,7 @@ case "$cmd" in
             exit $status
         fi
         if [ "${1:-}" = "--valgrind" ]; then
+            shift
             build "$root/build"
             logs="$root/build/valgrind-logs"
             rm -rf "$logs" && mkdir -p "$logs"
@@ -109,7 +111,7 @@ case "$cmd" in
             # The long runs keep their shape at a twentieth of their counts.
             export ZMAUTH_LONGRUN_DIVISOR=${ZMAUTH_LONGRUN_DIVISOR:-20}
             status=0
-            run_tests "$root/build" || status=$?
+            run_tests "$root/build" "$@" || status=$?
             # Also a process whose exit status nobody reads fails the run.
             reports=$(grep -l -E "ERROR SUMMARY: [1-9]" "$logs"/* 2>/dev/null || true)
             if [ -n "$reports" ]; then
@@ -155,7 +157,7 @@ case "$cmd" in
         exec bash "$root/tools/abi.sh" "$root/build" "$@"
         ;;
     *)
-        sed -n '2,13p' "${BASH_SOURCE[0]}" | sed 's/^# \{0,1\}//' >&2
+        sed -n '2,14p' "${BASH_SOURCE[0]}" | sed 's/^# \{0,1\}//' >&2
         exit 2
         ;;
 esac
