@@ -1,4 +1,5 @@
-// Throughput by thread count: Service::acceptNew per second, and connect plus
+// Throughput by thread count: Service::acceptNew per second (beside the same
+// tokens accepted by gss_accept_sec_context itself), and connect plus
 // checkADUser per second by DIGEST-MD5 and by GSSAPI, at 1, 2, 4 and 8
 // threads in one run. Every thread has objects of its own. Beside each
 // figure, per second of wall time: slapd's CPU time (for the directory), and
@@ -131,7 +132,7 @@ int main(int argc, char **argv)
     QCoreApplication app(argc, argv);
     if (argc < 2)
         benchkrb::die("usage: bench_threads REALM_DIR [tokens] [directory rounds]");
-    const int tokenCount = argc > 2 ? std::atoi(argv[2]) : 4000;
+    const int tokenCount = argc > 2 ? std::atoi(argv[2]) : 20000;
     const int dirRounds = argc > 3 ? std::atoi(argv[3]) : 400;
     const benchkrb::AcceptorRun run = benchkrb::prepareAcceptorRun(argv[1], tokenCount);
     const RealmEnv env = RealmEnv::fromDir(QString::fromLocal8Bit(argv[1]));
@@ -178,6 +179,24 @@ int main(int argc, char **argv)
             base = rate;
         std::printf("  %-30s %7d %8.0f %6.2f %8s %8.2f %8.2f %8.2f\n", "Service::acceptNew", count, rate, rate / base,
                     "-", used.running, used.queued, used.blocked);
+    }
+    // The reference: the same tokens straight into gss_accept_sec_context,
+    // once keeping every context as acceptNew does, once deleting each. What
+    // MIT's acceptor and the process' memory allow at each thread count,
+    // without the library.
+    for (const bool deleteContext : {false, true}) {
+        const char *what = deleteContext ? "raw accept, context deleted" : "raw accept, context kept";
+        for (int count : kCounts) {
+            const Spread used = spread(count, tokenCount, [&](int, int i) {
+                const zmkrb::Result r = benchkrb::rawAccept(run.tokens[size_t(i)], deleteContext);
+                return r.status == 1 && r.user == run.user;
+            });
+            const double rate = tokenCount / used.seconds;
+            if (count == 1)
+                base = rate;
+            std::printf("  %-30s %7d %8.0f %6.2f %8s %8.2f %8.2f %8.2f\n", what, count, rate, rate / base, "-",
+                        used.running, used.queued, used.blocked);
+        }
     }
 
     for (const QString &method : {QStringLiteral("1"), QStringLiteral("8")}) {

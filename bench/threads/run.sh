@@ -1,13 +1,13 @@
 #!/usr/bin/env bash
 # Throughput by thread count against a throwaway realm of its own:
 #   bash bench/threads/run.sh [BUILD_DIR] [tokens] [directory rounds]
-# (defaults: build, 4000, 400 per thread count). Builds the program if needed,
+# (defaults: build, 20000, 400 per thread count). Builds the program if needed,
 # starts the realm in a temporary directory, runs it, stops the realm.
 set -euo pipefail
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 root=$(cd "$here/../.." && pwd)
 build=${1:-$root/build}
-tokens=${2:-4000}
+tokens=${2:-20000}
 rounds=${3:-400}
 
 if [ ! -x "$build/bench/threads/bench_threads" ]; then
