@@ -56,6 +56,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     // Qt drops one leading U+FEFF from a string without escapes but keeps it
     // when an escape follows, and writes it back raw.
     const bool marks = json.contains("\xEF\xBB\xBF") || json.toLower().contains("\\ufeff");
+    // Names holding U+0000 are ordered one way when Qt reads them raw and
+    // another when it reads them escaped, as it writes them: a nested object
+    // with two such names comes back with its members swapped.
+    const bool nulNames = json.contains('\0') || json.toLower().contains("\\u0000");
     FUZZ_CHECK(settings.params.size() == members.size() + (members.contains(kKept) ? 0 : 1), fuzzcheck::visible(json));
     if (!members.contains(kKept))
         FUZZ_CHECK(settings.params.value(kKept) == QLatin1String("before"), settings.params.value(kKept));
@@ -75,14 +79,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         }
         default: {
             // The text is JSON of the same kind that reads back to itself,
-            // byte for byte unless the file holds a mark (see above): such a
-            // value can lose a mark or a merged member on every read.
+            // byte for byte unless the file holds a mark or a name with
+            // U+0000 (see above): such a value can lose a mark or a merged
+            // member, or change its members' order, on every read.
             QJsonParseError textError;
             const QByteArray utf8 = text.toUtf8();
             const QJsonDocument inner = QJsonDocument::fromJson(utf8, &textError);
             FUZZ_CHECK(textError.error == QJsonParseError::NoError, fuzzcheck::visible(text));
             FUZZ_CHECK(inner.isArray() == value.isArray() && inner.isObject() == value.isObject(), fuzzcheck::visible(text));
-            if (!marks)
+            if (!marks && !nulNames)
                 FUZZ_CHECK(inner.toJson(QJsonDocument::Compact) == utf8, fuzzcheck::visible(text));
             break;
         }
