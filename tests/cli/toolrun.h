@@ -3,7 +3,10 @@
 #ifndef ZMAUTH_TEST_TOOLRUN_H
 #define ZMAUTH_TEST_TOOLRUN_H
 
+#include "realmenv.h"
+
 #include <QByteArray>
+#include <QJsonObject>
 #include <QProcessEnvironment>
 #include <QString>
 #include <QStringList>
@@ -26,6 +29,13 @@ ToolRun runCommand(const QString &program, const QStringList &args, const QByteA
 ToolRun runTool(const QStringList &args, const QByteArray &input = QByteArray(),
                 const QProcessEnvironment &env = QProcessEnvironment::systemEnvironment());
 QString toolPath();
+
+// DATA written to PATH, which is returned; a failure ends the test program.
+QString writeFile(const QString &path, const QByteArray &data);
+
+// A settings file for --settings at PATH: the realm's server and base, method 1
+// (DIGEST-MD5 as the realm's user), then CHANGES (a null value removes the key).
+QString writeSettingsFile(const QString &path, const RealmEnv &realm, const QJsonObject &changes = QJsonObject());
 
 // For failure messages: the exit status and both streams.
 QByteArray describe(const ToolRun &run);

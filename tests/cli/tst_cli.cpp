@@ -117,15 +117,7 @@ private:
     QTemporaryDir m_dir;
     const RealmEnv &env() const { return RealmEnv::get(); }
 
-    QString writeFile(const QString &name, const QByteArray &data)
-    {
-        const QString path = m_dir.filePath(name);
-        QFile file(path);
-        if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate))
-            qFatal("cannot write %s", qPrintable(path));
-        file.write(data);
-        return path;
-    }
+    QString writeFile(const QString &name, const QByteArray &data) { return ::writeFile(m_dir.filePath(name), data); }
 
     // The realm with bulk users and a domain controller's size limits.
     static const RealmEnv &cappedEnv()
@@ -134,24 +126,9 @@ private:
         return env;
     }
 
-    static QJsonObject settingsObject(const RealmEnv &realm)
-    {
-        return QJsonObject{
-            {QStringLiteral("PT_HOST"), realm.value(QStringLiteral("LDAP_HOST"))},
-            {QStringLiteral("PT_PORT"), realm.value(QStringLiteral("LDAP_PORT"))},
-            {QStringLiteral("PT_METHOD"), QStringLiteral("1")},
-            {QStringLiteral("PT_USER"), realm.value(QStringLiteral("USER_NAME"))},
-            {QStringLiteral("PT_USER_PASSWORD"), realm.value(QStringLiteral("USER_PASSWORD"))},
-            {QStringLiteral("PT_BASE_DN"), realm.value(QStringLiteral("BASE_DN"))},
-        };
-    }
-
     QString settingsFile(const QString &name, const QJsonObject &changes = QJsonObject(), const RealmEnv &realm = RealmEnv::get())
     {
-        QJsonObject object = settingsObject(realm);
-        for (auto it = changes.begin(); it != changes.end(); ++it)
-            object.insert(it.key(), it.value());
-        return writeFile(name, QJsonDocument(object).toJson());
+        return writeSettingsFile(m_dir.filePath(name), realm, changes);
     }
 
     static QByteArray nameMapping()

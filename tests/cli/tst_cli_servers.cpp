@@ -6,8 +6,6 @@
 #include "realmenv.h"
 #include "toolrun.h"
 
-#include <QFile>
-#include <QJsonDocument>
 #include <QJsonObject>
 #include <QRegularExpression>
 #include <QTemporaryDir>
@@ -44,22 +42,7 @@ private:
 
     QString settingsFile(const QString &name, const QJsonObject &changes = QJsonObject())
     {
-        QJsonObject object{
-            {QStringLiteral("PT_HOST"), env().value(QStringLiteral("LDAP_HOST"))},
-            {QStringLiteral("PT_PORT"), env().value(QStringLiteral("LDAP_PORT"))},
-            {QStringLiteral("PT_METHOD"), QStringLiteral("1")},
-            {QStringLiteral("PT_USER"), env().value(QStringLiteral("USER_NAME"))},
-            {QStringLiteral("PT_USER_PASSWORD"), env().value(QStringLiteral("USER_PASSWORD"))},
-            {QStringLiteral("PT_BASE_DN"), env().value(QStringLiteral("BASE_DN"))},
-        };
-        for (auto it = changes.begin(); it != changes.end(); ++it)
-            object.insert(it.key(), it.value());
-        const QString path = m_dir.filePath(name);
-        QFile file(path);
-        if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate))
-            qFatal("cannot write %s", qPrintable(path));
-        file.write(QJsonDocument(object).toJson());
-        return path;
+        return writeSettingsFile(m_dir.filePath(name), env(), changes);
     }
 
     QStringList checkArgs(const QString &settings) const

@@ -117,36 +117,14 @@ private:
         return env;
     }
 
-    QString writeFile(const QString &name, const QByteArray &data)
-    {
-        const QString path = m_dir.filePath(name);
-        QFile file(path);
-        if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate))
-            qFatal("cannot write %s", qPrintable(path));
-        file.write(data);
-        return path;
-    }
+    QString writeFile(const QString &name, const QByteArray &data) { return ::writeFile(m_dir.filePath(name), data); }
 
     // Method 1 (DIGEST-MD5 as alice) unless changes say otherwise; a change
     // to a null value removes the key.
     QString settingsFile(const QString &name, const QJsonObject &changes = QJsonObject(),
                          const RealmEnv &realm = RealmEnv::get())
     {
-        QJsonObject object{
-            {QStringLiteral("PT_HOST"), realm.value(QStringLiteral("LDAP_HOST"))},
-            {QStringLiteral("PT_PORT"), realm.value(QStringLiteral("LDAP_PORT"))},
-            {QStringLiteral("PT_METHOD"), QStringLiteral("1")},
-            {QStringLiteral("PT_USER"), realm.value(QStringLiteral("USER_NAME"))},
-            {QStringLiteral("PT_USER_PASSWORD"), realm.value(QStringLiteral("USER_PASSWORD"))},
-            {QStringLiteral("PT_BASE_DN"), realm.value(QStringLiteral("BASE_DN"))},
-        };
-        for (auto it = changes.begin(); it != changes.end(); ++it) {
-            if (it.value().isNull())
-                object.remove(it.key());
-            else
-                object.insert(it.key(), it.value());
-        }
-        return writeFile(name, QJsonDocument(object).toJson());
+        return writeSettingsFile(m_dir.filePath(name), realm, changes);
     }
 
     // GSSAPI with the ticket of the cache, and the name mapping.
