@@ -136,6 +136,20 @@ void RecordLog::clear()
     m_records.clear();
 }
 
+QString threadsVerdict(const RecordLog &log, const std::vector<std::thread::id> &ids,
+                       const std::vector<QStringList> &problems, const std::vector<QStringList> &expected,
+                       const QSet<QString> &known)
+{
+    for (size_t i = 0; i < ids.size(); ++i) {
+        if (!problems[i].isEmpty())
+            return QStringLiteral("thread %1: ").arg(i) + problems[i].join(QLatin1Char('\n'));
+        const QString diff = difference(log.linesOf(ids[i]), expected[i]);
+        if (!diff.isEmpty())
+            return diff;
+    }
+    return strayRecords(log.records(), known);
+}
+
 QString strayRecords(const QList<Record> &records, const QSet<QString> &known)
 {
     QStringList problems;

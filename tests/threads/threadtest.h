@@ -21,6 +21,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 namespace threadtest {
 
@@ -89,6 +90,13 @@ private:
 // record made of two, or cut short, is none of them. Otherwise the first
 // few records that are not.
 QString strayRecords(const QList<Record> &records, const QSet<QString> &known);
+
+// The end of a threaded run: no thread reported a problem, each thread's
+// records are exactly its expected ones, and no record is stray. Empty when
+// all hold, otherwise the first that does not, naming the thread.
+QString threadsVerdict(const RecordLog &log, const std::vector<std::thread::id> &ids,
+                       const std::vector<QStringList> &problems, const std::vector<QStringList> &expected,
+                       const QSet<QString> &known);
 
 // Open descriptors of this process.
 int openDescriptors();

@@ -127,13 +127,8 @@ private slots:
             }
         });
 
-        for (int i = 0; i < count; ++i) {
-            QVERIFY2(problems[i].isEmpty(), qPrintable(QStringLiteral("thread %1: ").arg(i) + problems[i].join('\n')));
-            const QString diff = difference(log.linesOf(ids[i]), expected[i]);
-            QVERIFY2(diff.isEmpty(), qPrintable(diff));
-        }
-        const QString stray = strayRecords(log.records(), known);
-        QVERIFY2(stray.isEmpty(), qPrintable(stray));
+        const QString verdict = threadsVerdict(log, ids, problems, expected, known);
+        QVERIFY2(verdict.isEmpty(), qPrintable(verdict));
         QCOMPARE(openDescriptors(), descriptors);
     }
 
