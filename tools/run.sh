@@ -3,9 +3,9 @@
 #   bash tools/run.sh demo              build, start the throwaway realm, walk through the library's jobs
 #   bash tools/run.sh test              build and run the whole test suite with ctest
 # and, for CI and developers:
-#   bash tools/run.sh test --sanitize   the same suite built with AddressSanitizer and UBSan
+#   bash tools/run.sh test --sanitize [CTEST ARGS]   the same suite built with AddressSanitizer and UBSan
 #   bash tools/run.sh test --valgrind [CTEST ARGS]   the plain build's suite under valgrind memcheck (long runs
-#                                       shortened); CI leaves out the doctor's tests with -LE doctor
+#                                       shortened); CI leaves out the labels scripts (both) and doctor (valgrind)
 #   bash tools/run.sh test --tsan       the threaded tests (label threads) built with ThreadSanitizer
 #   bash tools/run.sh bench [--smoke] [ldap|kerberos|threads]   the benchmarks (bench/README.md)
 #   bash tools/run.sh consumer          install into a temporary prefix and build a consumer against it
@@ -58,6 +58,7 @@ case "$cmd" in
     test)
         ensure_packages "${packages[@]}"
         if [ "${1:-}" = "--sanitize" ]; then
+            shift
             dir="$root/build-asan"
             logs="$dir/sanitizer-logs"
             # The benchmarks have no part in this run.
@@ -69,7 +70,7 @@ case "$cmd" in
             export LSAN_OPTIONS="suppressions=$root/tests/lsan.supp:print_suppressions=0"
             export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1:log_path=$logs/ubsan"
             status=0
-            run_tests "$dir" || status=$?
+            run_tests "$dir" "$@" || status=$?
             if compgen -G "$logs/*" >/dev/null; then
                 echo "Sanitizer reports:" >&2
                 cat "$logs"/* >&2
