@@ -5,7 +5,7 @@
 # and, for CI and developers:
 #   bash tools/run.sh test --sanitize [CTEST ARGS]   the same suite built with AddressSanitizer and UBSan
 #   bash tools/run.sh test --valgrind [CTEST ARGS]   the plain build's suite under valgrind memcheck (long runs
-#                                       shortened); CI leaves out the labels scripts (both) and doctor (valgrind)
+#                                       shortened); CI leaves out the labels scripts (both) and tool (valgrind)
 #   bash tools/run.sh test --tsan       the threaded tests (label threads) built with ThreadSanitizer
 #   bash tools/run.sh bench [--smoke] [ldap|kerberos|threads]   the benchmarks (bench/README.md)
 #   bash tools/run.sh consumer          install into a temporary prefix and build a consumer against it
